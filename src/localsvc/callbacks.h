@@ -1,0 +1,6 @@
+// The host's callback table, kept by initQdQuick.
+#pragma once
+
+#include "qdquick/qdquick.h"
+
+extern quickevcb_t quickevcb;

@@ -1,0 +1,23 @@
+#!/bin/sh
+# Installs the build tree into a temporary prefix, builds the C host against
+# the installed headers and pkg-config files only, and runs it.
+set -eu
+build_dir=$1
+src_dir=$2
+work=$(mktemp -d /tmp/qdquick-abi-XXXXXX)
+trap 'rm -rf "$work"' EXIT
+cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
+libdir=$(ls -d "$work"/prefix/lib*/pkgconfig | head -n 1 | xargs dirname)
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
+extra=""
+case " ${QDQ_SANITIZE_FLAGS:-} " in *fsanitize*) extra="$QDQ_SANITIZE_FLAGS" ;; esac
+# The host is plain C99 with every warning an error.
+${CC:-cc} -std=c99 -pedantic -Wall -Wextra -Werror $extra \
+  $(pkg-config --cflags qdquick qdplatform) "$src_dir/c_host.c" -o "$work/c_host" \
+  $(pkg-config --libs qdquick qdplatform)
+# The same headers compile as C++.
+${CXX:-c++} -std=c++17 -Wall -Wextra -Werror -fsyntax-only -x c++ \
+  $(pkg-config --cflags qdquick) "$src_dir/c_host.c"
+mkdir -p "$work/root/var"
+QDQUICK_ROOT="$work/root" LD_LIBRARY_PATH="$libdir" "$work/c_host"
+grep -q "c host says 42" "$work/root/var/shrcadlog.txt"

@@ -1,0 +1,22 @@
+// Test process environment: every test process runs inside a temporary root
+// of its own (QDQUICK_ROOT) with a scaled clock, and never writes outside it.
+#pragma once
+
+#include <string>
+
+namespace qdq_test {
+
+// The temporary root of this process (exists for the whole run).
+const std::string &root();
+
+// root() + rel, for a fixed system path such as "/var/shrcadlog.txt".
+std::string in_root(const std::string &fixed);
+
+// Whole content of a file, or "" when it cannot be read.
+std::string read_file(const std::string &file);
+void write_file(const std::string &file, const std::string &content);
+
+// The time scale this process runs with (QDQUICK_TIME_SCALE).
+double time_scale();
+
+}  // namespace qdq_test

@@ -1,0 +1,63 @@
+// main() of every unit test program: creates a private root with the fixed
+// directories the library writes to, and scales the clock (0.01 unless the
+// environment says otherwise) before any library call reads either.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "test_env.h"
+
+namespace qdq_test {
+namespace {
+std::string g_root;
+}
+
+const std::string &root() { return g_root; }
+std::string in_root(const std::string &fixed) { return g_root + fixed; }
+
+std::string read_file(const std::string &file) {
+    std::ifstream in(file, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+void write_file(const std::string &file, const std::string &content) {
+    std::ofstream out(file, std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+double time_scale() {
+    const char *v = getenv("QDQUICK_TIME_SCALE");
+    return v ? atof(v) : 1.0;
+}
+
+}  // namespace qdq_test
+
+int main(int argc, char **argv) {
+    char tmpl[] = "/tmp/qdquick-test-XXXXXX";
+    if (mkdtemp(tmpl) == nullptr) {
+        perror("mkdtemp");
+        return 2;
+    }
+    qdq_test::g_root = tmpl;
+    for (const char *d : {"/var", "/qdconf", "/etc", "/etc/config", "/etc/config/system", "/tmp"}) {
+        std::string p = qdq_test::g_root + d;
+        mkdir(p.c_str(), 0755);
+    }
+    setenv("QDQUICK_ROOT", tmpl, 1);
+    setenv("QDQUICK_TIME_SCALE", getenv("QDQUICK_TIME_SCALE") ? getenv("QDQUICK_TIME_SCALE") : "0.01", 1);
+    ::testing::InitGoogleTest(&argc, argv);
+    int rc = RUN_ALL_TESTS();
+    if (getenv("QDQUICK_KEEP_ROOT") == nullptr) {
+        std::string cmd = "rm -rf '" + qdq_test::g_root + "'";
+        if (system(cmd.c_str()) != 0) fprintf(stderr, "could not remove %s\n", tmpl);
+    }
+    return rc;
+}
