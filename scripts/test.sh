@@ -1,0 +1,20 @@
+#!/bin/sh
+# The whole test suite: installs what is needed, builds twice (plainly and
+# with AddressSanitizer + UndefinedBehaviorSanitizer) and runs every test.
+set -eu
+cd "$(dirname "$0")/.."
+./scripts/deps.sh
+jobs=$(nproc)
+status=0
+for variant in plain asan; do
+  dir=build-test-$variant
+  flags=""
+  [ "$variant" = asan ] && flags="-DQDQUICK_SANITIZE=ON"
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo $flags >/dev/null
+  cmake --build "$dir" -j "$jobs" >/dev/null
+  echo "=== $variant build: running tests ==="
+  (cd "$dir" && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+     ctest -j "$jobs" --output-on-failure --timeout 600) > "$dir/ctest.log" 2>&1 || status=1
+  grep -E "tests passed|tests failed|The following tests FAILED|^\s+[0-9]+ - |Total Test time" "$dir/ctest.log" || tail -n 20 "$dir/ctest.log"
+done
+exit $status
