@@ -2,6 +2,7 @@
 // duplicate "MAC", the digests, and the values taken from the platform.
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstring>
 #include <string>
 #include <vector>
