@@ -3,12 +3,13 @@
 //       option <name> '<value>'
 // Quotes are optional, single or double; '#' starts a comment. A section is
 // found by its name, or by its type when it has no name.
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstring>
 #include <exception>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "adapter_io.h"
 #include "common/paths.h"
@@ -16,15 +17,23 @@
 
 namespace {
 
-// Splits a line into words the way UCI does: quoted parts join the word they
-// touch, a backslash outside single quotes takes the next character as is.
-std::vector<std::string> split_words(std::string_view line) {
-    std::vector<std::string> words;
+// The first three words of a line, which is all a config or option line
+// has. (A fixed array: a std::vector<std::string> instantiation here would
+// be exported from the library as a weak symbol.)
+struct Words {
+    std::string w[3];
+    int count = 0;
+};
+
+// Splits a line the way UCI does: quoted parts join the word they touch, a
+// backslash outside single quotes takes the next character as is.
+Words split_words(std::string_view line) {
+    Words words;
     std::size_t i = 0;
-    while (i < line.size()) {
+    while (i < line.size() && words.count < 3) {
         while (i < line.size() && (line[i] == ' ' || line[i] == '\t')) ++i;
         if (i == line.size() || line[i] == '#') break;
-        std::string word;
+        std::string &word = words.w[words.count++];
         char quote = 0;
         for (; i < line.size(); ++i) {
             char c = line[i];
@@ -39,7 +48,6 @@ std::vector<std::string> split_words(std::string_view line) {
                 word.push_back(c);
             }
         }
-        words.push_back(std::move(word));
     }
     return words;
 }
@@ -52,17 +60,22 @@ bool find_option(const std::string &file, const char *section, const char *optio
         if (errno != ENOENT) qdp::warn("cannot read %s: %s", file.c_str(), std::strerror(errno));
         return false;
     }
+    struct stat st {};
+    if (::fstat(::fileno(f.get()), &st) == 0 && S_ISDIR(st.st_mode)) {
+        qdp::warn("%s is a directory, not a UCI file", file.c_str());
+        return false;
+    }
     qdp::LineReader reader(f.get());
     std::string_view line;
     bool in_section = false;
     while (reader.next(line)) {
-        std::vector<std::string> w = split_words(line);
-        if (w.empty()) continue;
+        Words words = split_words(line);
+        const std::string *w = words.w;
+        if (words.count == 0) continue;
         if (w[0] == "config") {
-            const std::string type = w.size() > 1 ? w[1] : "";
-            const std::string name = w.size() > 2 ? w[2] : "";
-            in_section = (name.empty() ? type : name) == section;
-        } else if (in_section && w[0] == "option" && w.size() > 2 && w[1] == option) {
+            // A named section is found by its name, an unnamed one by its type.
+            in_section = (w[2].empty() ? w[1] : w[2]) == section;
+        } else if (in_section && w[0] == "option" && words.count == 3 && w[1] == option) {
             value = w[2];
             return true;
         }
