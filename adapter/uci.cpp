@@ -97,9 +97,14 @@ extern "C" QDQ_API int getUciOptionValue(const char *package, const char *sectio
         return -1;
     }
     try {
+        // On this gateway "/etc/config/system" is a directory (it holds
+        // quickconf.conf); such a package keeps its UCI options in a file of
+        // its own name inside it: "/etc/config/system/system".
+        std::string file = qdq::path(std::string("/etc/config/") + package);
+        struct stat st {};
+        if (::stat(file.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) file += std::string("/") + package;
         std::string found;
-        if (!find_option(qdq::path(std::string("/etc/config/") + package), section, option, found))
-            return -1;
+        if (!find_option(file, section, option, found)) return -1;
         qdp::copy_text(value, QDP_CFGVALUE_SIZE, found);
         return 0;
     } catch (const std::exception &e) {

@@ -77,6 +77,7 @@ TEST(Uci, FindsOptionsOfNamedAndUnnamedSections) {
                "config switch 'switch'\n\toption wlan '1'   # on\n"
                "\toption note \"two words\"\n"
                "config switch \"other\"\n\toption lan '1'\n");
+    write_file(in_root("/etc/config/system/system"), "config switch 'switch'\n\toption wlan '0'\n");
     struct Case {
         const char *package, *section, *option, *value;  // value null: not found
     } cases[] = {
@@ -85,7 +86,7 @@ TEST(Uci, FindsOptionsOfNamedAndUnnamedSections) {
         {"gateway", "system", "hostname", "Gateway"},
         {"gateway", "switch", "lan", nullptr},  // belongs to section "other"
         {"network", "lan", "ipaddr", nullptr},  // no such file
-        {"system", "switch", "wlan", nullptr},  // a directory here
+        {"system", "switch", "wlan", "0"},  // a directory: its own-name file inside
         {"../config/gateway", "switch", "wlan", nullptr},
     };
     for (const Case &c : cases) {
