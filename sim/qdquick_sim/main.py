@@ -1,0 +1,126 @@
+"""Start-up: bind every socket, start the servers, wait for a stop."""
+
+from __future__ import annotations
+
+import signal
+import socket
+import sys
+import threading
+from types import FrameType
+
+from .config import Config, parse_args
+from .context import Context
+from .control import ControlServer
+from .message import MessageServer
+from .platform import PlatformServer
+from .recorder import Recorder, stderr_echo
+from .replies import Responder
+from .script import PLATFORMS, Script, ScriptError
+
+# With port 0 the TCP listener picks a port; the UDP socket must then get the
+# same number, which another program may hold: try a few fresh ports.
+_PAIR_ATTEMPTS = 20
+
+
+def _family(host: str) -> socket.AddressFamily:
+    return socket.getaddrinfo(host, None, proto=socket.IPPROTO_TCP)[0][0]
+
+
+def _listener(host: str, port: int) -> socket.socket:
+    sock = socket.socket(_family(host), socket.SOCK_STREAM)
+    try:
+        # Lets a restarted simulator take its port back at once.
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        sock.bind((host, port))
+        sock.listen(16)
+    except OSError:
+        sock.close()
+        raise
+    return sock
+
+
+def bind_pair(host: str, port: int) -> tuple[socket.socket, socket.socket]:
+    """A TCP listener and a UDP socket on the same port number."""
+    for _ in range(_PAIR_ATTEMPTS):
+        tcp = _listener(host, port)
+        udp = socket.socket(_family(host), socket.SOCK_DGRAM)
+        try:
+            udp.bind((host, tcp.getsockname()[1]))
+            return tcp, udp
+        except OSError:
+            tcp.close()
+            udp.close()
+            if port != 0:
+                raise
+    raise OSError(f"no port free for both TCP and UDP on {host}")
+
+
+class Simulator:
+    def __init__(self, config: Config, script: Script, stop: threading.Event) -> None:
+        self.recorder = Recorder(config.record_path, stderr_echo(config.verbose))
+        self.ctx = Context(config, self.recorder, script, stop)
+        self.platforms: dict[str, PlatformServer] = {}
+        self.message: MessageServer | None = None
+        self.control: ControlServer | None = None
+
+    def bind(self) -> None:
+        config, ctx = self.ctx.config, self.ctx
+        responder = Responder(ctx)
+        pairs = {name: bind_pair(config.bind, config.ports[name]) for name in PLATFORMS}
+        message_sock = _listener(config.bind, config.ports["message"])
+        control_sock = _listener("127.0.0.1", config.control_port) if config.control_port is not None else None
+        for name, (tcp, udp) in pairs.items():
+            ctx.ports[name] = tcp.getsockname()[1]
+            self.platforms[name] = PlatformServer(ctx, responder, name, tcp, udp)
+        ctx.ports["message"] = message_sock.getsockname()[1]
+        self.message = MessageServer(ctx, responder, message_sock)
+        if control_sock is not None:
+            ctx.ports["control"] = control_sock.getsockname()[1]
+            self.control = ControlServer(ctx, control_sock, self.platforms)
+
+    def servers(self) -> list[PlatformServer | MessageServer | ControlServer]:
+        extra = [s for s in (self.message, self.control) if s is not None]
+        return [*self.platforms.values(), *extra]
+
+    def ready_line(self) -> str:
+        bind = self.ctx.config.bind
+        host = f"[{bind}]" if ":" in bind else bind
+        parts = [f"{name}={host}:{port}" for name, port in self.ctx.ports.items() if name != "control"]
+        if "control" in self.ctx.ports:
+            parts.append(f"control=127.0.0.1:{self.ctx.ports['control']}")
+        return "qdquick-sim ready " + " ".join(parts)
+
+    def run(self) -> int:
+        for server in self.servers():
+            server.start()
+        print(self.ready_line(), flush=True)
+        while not self.ctx.stop.wait(0.2):
+            pass
+        for server in self.servers():
+            server.stop()
+        self.recorder.close()
+        return 0
+
+
+def main(argv: list[str] | None = None) -> int:
+    config = parse_args(argv)
+    stop = threading.Event()
+
+    def on_signal(signum: int, frame: FrameType | None) -> None:
+        stop.set()
+    # Installed before any socket exists, so a test that stops us early
+    # still sees exit status 0.
+    signal.signal(signal.SIGTERM, on_signal)
+    signal.signal(signal.SIGINT, on_signal)
+    try:
+        script = Script.load(config.script_path) if config.script_path else Script()
+    except ScriptError as exc:
+        print(f"qdquick-sim: bad script: {exc}", file=sys.stderr)
+        return 2
+    try:
+        sim = Simulator(config, script, stop)
+        sim.bind()
+    except OSError as exc:
+        print(f"qdquick-sim: cannot start: {exc}", file=sys.stderr)
+        return 1
+    return sim.run()

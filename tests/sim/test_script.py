@@ -1,0 +1,112 @@
+"""Scripted answers, scripted and controlled commands, and shutdown."""
+
+from __future__ import annotations
+
+import json
+import socket
+import subprocess
+import threading
+import time
+
+import pytest
+from conftest import LOID, SERIAL, SIM, TcpGateway, UdpGateway, boot_register, md5u
+
+SEQUENCE_SCRIPT = {"platforms": {"manage": {
+    "intervals": {"heartbeat": 7},
+    "extra": {"Register": {"PluginServer": "${PLUGIN}"}},
+    "answers": {
+        "Boot": ["silence", {"Result": -5}, {"delay": 0.4, "flag": 1}],
+        "register": [{"Result": 2, "ServerAddr": "10.9.8.7", "ServerPort": "60001",
+                      "drop": ["HeartbeatIPAddr"]}],
+        "Hb": [{"raw": "not json"}],
+    }}}}
+
+
+def test_scripted_sequence_then_defaults(make_sim):
+    sim = make_sim(SEQUENCE_SCRIPT)
+    gw = UdpGateway(sim.ports["manage"])
+    gw.send({"RPCMethod": "Boot"})
+    with pytest.raises(socket.timeout):
+        gw.recv(timeout=0.3)
+    assert gw.ask({"RPCMethod": "Boot"})["Result"] == -5
+    start = time.monotonic()
+    booted = gw.ask({"RPCMethod": "Boot"})
+    assert time.monotonic() - start >= 0.35 and booted["flag"] == 1 and booted["Result"] == 0
+    # The redirect keeps the default keys it did not drop, and the scripted extra.
+    redirect = gw.ask({"RPCMethod": "Register", "CheckSN": md5u(booted["ChallengeCode"] + SERIAL),
+                       "UserID": md5u(SERIAL + LOID)})
+    assert redirect["Result"] == 2 and (redirect["ServerAddr"], redirect["ServerPort"]) == ("10.9.8.7", "60001")
+    assert "HeartbeatIPAddr" not in redirect and redirect["PluginServer"] == f"127.0.0.1:{sim.ports['plugin']}"
+    gw.send({"RPCMethod": "Hb"})
+    assert gw.sock.recv(100) == b"not json"
+    assert gw.ask({"RPCMethod": "Hb"}) == {"Result": 0, "Interval": 7}   # list used up: default
+    actions = [r["action"] for r in sim.file_records() if r["direction"] == "in"]
+    assert actions == ["silence", "answer", "answer", "answer", "answer", "answer"]
+
+
+def test_scripted_answer_overrides_checksn_and_close_drops_channel(make_sim):
+    sim = make_sim({"platforms": {"plugin": {"answers": {"Register": [{"Result": -5}, "close"]}}}})
+    gw = TcpGateway(sim.ports["plugin"])
+    _, reply = boot_register(gw, "Boot", "Register")
+    assert reply["Result"] == -5 and sim.wait(kind="register")["checksn_ok"] is True
+    gw.send({"RPCMethod": "Register", "CheckSN": "x"})
+    assert gw.sock.recv(10) == b""
+
+
+def test_scripted_push_after_registration_and_recorded_reply(make_sim):
+    command = {"RPCMethod": "ListPlugin", "ID": "42"}
+    sim = make_sim({"platforms": {"plugin": {"push": [{"delay": 0.2, "message": command}]}}})
+    gw = TcpGateway(sim.ports["plugin"])
+    boot_register(gw, "Boot", "Register", serial="WRONG")      # refused: no push yet
+    boot_register(gw, "Boot", "Register")
+    assert gw.recv() == command
+    gw.send({"ID": "42", "Result": 0, "Plugin": []})
+    reply = sim.wait(platform="plugin", kind="reply")
+    assert reply["json"] == {"ID": "42", "Result": 0, "Plugin": []} and reply["transport"] == "tcp"
+
+
+def test_control_push_udp_send_and_script_replace(make_sim):
+    sim = make_sim()
+    assert sim.control(cmd="push", platform="plugin", message={})["ok"] is False  # no channel yet
+    manage = UdpGateway(sim.ports["manage"])
+    _, reg = boot_register(manage, "Boot", "Register", UserID=md5u(SERIAL + LOID), DevRND="ABC123")
+    assert reg["Result"] == 1
+    plugin = TcpGateway(sim.ports["plugin"])
+    boot_register(plugin, "Boot", "Register")
+
+    # ${KEY} is the proof over the gateway's latest DevRND, computed by the simulator.
+    sent = sim.control(cmd="udp_send", platform="manage",
+                       message={"RPCMethod": "RequestPlug-in", "Key": "${KEY}"})
+    assert sent["ok"] and manage.recv() == {"RPCMethod": "RequestPlug-in", "Key": md5u("ABC123" + SERIAL)}
+    manage.send({"Result": 0, "DevRND": "NEW"})
+    assert sim.wait(platform="manage", kind="reply", since=sent["seq"])["json"]["DevRND"] == "NEW"
+
+    answer = threading.Timer(0.2, lambda: plugin.send({"Result": 0, "echo": plugin.recv()["n"]}))
+    answer.start()
+    pushed = sim.control(cmd="push", platform="plugin", message={"RPCMethod": "Run", "n": 5}, wait=5)
+    answer.join()
+    assert pushed["ok"] and pushed["reply"]["json"] == {"Result": 0, "echo": 5}
+
+    assert sim.control(cmd="script", script={"platforms": {"plugin": {"interval": 9}}}) == {"ok": True}
+    assert plugin.ask({"RPCMethod": "Heartbeat"}) == {"Result": 0, "Interval": 9}
+    bad = sim.control(cmd="script", script={"platforms": {"plugin": {"answers": {"Boot": ["shout"]}}}})
+    assert bad["ok"] is False and "answers.Boot[0]" in bad["error"]
+    records = sim.control(cmd="records")["records"]
+    assert records == sim.file_records()
+
+
+@pytest.mark.parametrize("how", ["sigterm", "sigint", "quit"])
+def test_stops_cleanly(make_sim, how):
+    sim = make_sim()
+    if how == "quit":
+        assert sim.control(cmd="quit")["ok"]
+    else:
+        sim.proc.send_signal({"sigterm": 15, "sigint": 2}[how])
+    assert sim.proc.wait(10) == 0
+
+
+def test_bad_script_file_is_refused(make_sim, tmp_path):
+    path = tmp_path / "bad.json"
+    path.write_text(json.dumps({"platforms": {"cube": {"answers": {"Boot": [{"delay": -1}]}}}}))
+    done = subprocess.run([str(SIM), "--script", str(path)], capture_output=True, text=True, timeout=10)
+    assert done.returncode == 2 and "delay" in done.stderr
