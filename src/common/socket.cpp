@@ -2,11 +2,12 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <sys/select.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <ctime>
 #include <cstring>
 
 #include "common/clock.h"
@@ -29,24 +30,73 @@ int set_reuseaddr(int fd) {
     return setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0 ? -1 : 0;
 }
 
-int wait_readable(int fd, double seconds) {
-    // FD_SET past FD_SETSIZE writes outside the set.
-    if (fd < 0 || fd >= FD_SETSIZE) {
+namespace {
+
+// Milliseconds left until `deadline`, for poll(); -1 waits for ever.
+int poll_ms(double seconds, const struct timespec &deadline) {
+    if (seconds < 0.0) return -1;
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    long long ms = (deadline.tv_sec - now.tv_sec) * 1000LL + (deadline.tv_nsec - now.tv_nsec) / 1000000LL;
+    return ms < 0 ? 0 : static_cast<int>(ms);
+}
+
+struct timespec deadline_after(double seconds) {
+    struct timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    long long ns = scaled(seconds > 0.0 ? seconds : 0.0).count();
+    if (seconds > 0.0 && ns < 1000000) ns = 1000000;  // a positive wait never becomes a poll
+    t.tv_sec += static_cast<time_t>(ns / 1000000000LL);
+    t.tv_nsec += static_cast<long>(ns % 1000000000LL);
+    if (t.tv_nsec >= 1000000000L) {
+        t.tv_sec += 1;
+        t.tv_nsec -= 1000000000L;
+    }
+    return t;
+}
+
+// Waits for `events` on fd; 1 ready, 0 time-out, -1 error. poll() rather
+// than select(): a host daemon may hold more than FD_SETSIZE descriptors.
+int wait_for(int fd, short events, double seconds) {
+    if (fd < 0) {
         errno = EBADF;
         return -1;
     }
-    struct timeval tv = timeval_for(seconds > 0.0 ? seconds : 0.0);
+    const struct timespec deadline = deadline_after(seconds);
     for (;;) {
-        fd_set readable;
-        FD_ZERO(&readable);
-        FD_SET(fd, &readable);
-        // Linux leaves the time still to wait in tv, so a resumed wait does
-        // not start over.
-        int ret = select(fd + 1, &readable, nullptr, nullptr, seconds < 0.0 ? nullptr : &tv);
+        struct pollfd p = {fd, events, 0};
+        int ret = poll(&p, 1, poll_ms(seconds, deadline));
         if (ret < 0 && errno == EINTR) continue;
         if (ret <= 0) return ret < 0 ? -1 : 0;
-        return FD_ISSET(fd, &readable) ? 1 : 0;
+        return 1;
     }
+}
+
+}  // namespace
+
+int wait_readable(int fd, double seconds) { return wait_for(fd, POLLIN, seconds); }
+
+int connect_within(int fd, const struct sockaddr *to, socklen_t len, double seconds) {
+    int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) return -1;
+    int ret = ::connect(fd, to, len);
+    if (ret < 0 && errno == EINPROGRESS) {
+        int ready = wait_for(fd, POLLOUT, seconds);
+        if (ready <= 0) {
+            if (ready == 0) errno = ETIMEDOUT;
+            ret = -1;
+        } else {
+            int err = 0;
+            socklen_t errlen = sizeof err;
+            if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &errlen) < 0) err = errno;
+            ret = err == 0 ? 0 : -1;
+            if (err != 0) errno = err;
+        }
+    }
+    int saved = errno;
+    fcntl(fd, F_SETFL, flags);
+    errno = saved;
+    return ret;
 }
 
 bool ipv4_address(const char *text, unsigned port, struct sockaddr_in &out) {

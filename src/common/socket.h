@@ -4,6 +4,7 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <sys/socket.h>
 
 namespace qdq {
 
@@ -44,6 +45,10 @@ int set_reuseaddr(int fd);
 // library clock), 0 = do not wait, negative = wait for ever. Resumes after
 // signals. Returns 1 readable, 0 time-out, -1 error (errno set).
 int wait_readable(int fd, double seconds);
+
+// Connects a blocking socket, giving up after `seconds` system seconds
+// (scaled); negative waits for ever. 0 or -1 (errno set, ETIMEDOUT on time-out).
+int connect_within(int fd, const struct sockaddr *to, socklen_t len, double seconds);
 
 // Socket addresses from numeric address text and a port. A null `text`
 // gives the wildcard address. Return false (and leave the wildcard address
