@@ -8,7 +8,8 @@
 // of all for text that came from a platform or a local client.
 extern "C" QDQ_API char *appPtrStrcpy(char *dest, const char *src) {
     if (dest == nullptr || src == nullptr) {
-        // The words name the function differently; the host greps for them.
+        // The words name the function differently; they stay as existing log
+        // readers know them.
         QDQ_LOG("appStrcpyPtr() err!destStr or srcStr is NULL!\n");
         return dest;
     }
