@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import shutil
 import signal
 import socket
@@ -57,6 +58,17 @@ def bind_pair(host: str, port: int) -> tuple[socket.socket, socket.socket]:
             if port != 0:
                 raise
     raise OSError(f"no port free for both TCP and UDP on {host}")
+
+
+def _print_extra(line: str) -> None:
+    """A line after the ready line, which some readers stop reading at: a
+    closed pipe then sends the rest of standard output to /dev/null."""
+    try:
+        print(line, flush=True)
+    except BrokenPipeError:
+        devnull = os.open(os.devnull, os.O_WRONLY)
+        os.dup2(devnull, sys.stdout.fileno())
+        os.close(devnull)
 
 
 class Simulator:
@@ -117,8 +129,7 @@ class Simulator:
             server.start()
         print(self.ready_line(), flush=True)
         if self.cert is not None:
-            # After the ready line, which readers take as the first line.
-            print(f"qdquick-sim appstore-ca {self.cert.cert}", flush=True)
+            _print_extra(f"qdquick-sim appstore-ca {self.cert.cert}")
         while not self.ctx.stop.wait(0.2):
             pass
         for server in self.servers():
