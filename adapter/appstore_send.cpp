@@ -6,6 +6,8 @@
 #include <signal.h>
 #include <time.h>
 
+#include <openssl/err.h>
+
 #include <chrono>
 #include <cstring>
 #include <exception>
@@ -104,7 +106,11 @@ extern "C" QDQ_API int AppSendRequestToPrivateSmartPlat(const char *request, con
     }
     try {
         SigpipeBlock no_sigpipe;
-        return exchange(request, server, port, reply);
+        int rc = exchange(request, server, port, reply);
+        // Leave no stale TLS errors in this thread's queue for the host's
+        // own OpenSSL calls.
+        ERR_clear_error();
+        return rc;
     } catch (const std::exception &e) {
         qdp::warn("app store %s:%d: %s", server, port, e.what());
         reply[0] = '\0';
