@@ -36,7 +36,7 @@ void rotate_devrnd(cJSON *object) {
     char rnd[kRandSize] = "";
     getrand(rnd);
     qdq::copy_field(manageplatinfo.devrnd, sizeof manageplatinfo.devrnd, rnd);
-    cJSON_AddStringToObject(object, "DevRND", manageplatinfo.devrnd);
+    qdq::cmd_set_text(object, "DevRND", manageplatinfo.devrnd);
 }
 
 // "ServerAddr" into the record's address, when it is a string.
