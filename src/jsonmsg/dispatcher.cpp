@@ -187,7 +187,10 @@ int dispatch(const char *msg, char **out, int *plattype) {
     } else if (std::strcmp(method, "SetPlug-inParameterValues") == 0) {
         to_job_manager = true;
     }
-    if (to_job_manager && type != kPlatLocalUdp) return forward(msg, out);
+    if (to_job_manager && type != kPlatLocalUdp) {
+        object.reset();  // not kept through the job manager's wait
+        return forward(msg, out);
+    }
 
     if (method[0] == '\0') {
         QDQ_LOG("RPCMethod value is null!\n");
