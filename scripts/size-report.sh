@@ -4,7 +4,7 @@
 # with the default flags and with the router flags, the shared libraries each
 # needs, and what the C++ runtime costs. Builds only those targets, in
 # build-size/. Needs the cross tools of scripts/cross-mipsel.sh.
-#   scripts/size-report.sh
+#   scripts/size-report.sh      (QDQ_MIPSEL_TOOLCHAIN: another toolchain file)
 # Fails when the router build of libqdquick.so for mipsel reaches the budget.
 set -eu
 cd "$(dirname "$0")/.."
@@ -18,7 +18,7 @@ build() {
   name=$1 arch=$2
   shift 2
   tc=""
-  [ "$arch" = mipsel ] && tc="-DCMAKE_TOOLCHAIN_FILE=$PWD/cmake/toolchain-mipsel-linux-gnu.cmake"
+  [ "$arch" = mipsel ] && tc="-DCMAKE_TOOLCHAIN_FILE=${QDQ_MIPSEL_TOOLCHAIN:-$PWD/cmake/toolchain-mipsel-linux-gnu.cmake}"
   cmake -S . -B "$out/$name" $tc -DQDQUICK_BUILD_TESTS=OFF "$@" >/dev/null
   targets="qdquick qdplatform"
   for t in qdquickd qdquick-cli; do
