@@ -99,6 +99,10 @@ static_cost=$((size_mipsel_router_static_libqdplatform_so - size_mipsel_router_l
 echo "  linked statically into libqdplatform.so: +$(kib "$static_cost") KiB"
 nounwind=$((size_mipsel_router_libqdquick_so - size_mipsel_router_nounwind_libqdquick_so))
 echo "  -fno-asynchronous-unwind-tables would save $(kib "$nounwind") KiB on libqdquick.so (not used)"
+stripped mipsel "$(file_of mipsel-router libqdquick.so)" >/dev/null
+tables=$(mipsel-linux-gnu-size -A "$out/stripped.tmp" \
+  | awk '$1 == ".eh_frame" || $1 == ".eh_frame_hdr" || $1 == ".gcc_except_table" { s += $2 } END { print s + 0 }')
+echo "  unwind tables in libqdquick.so (.eh_frame, its index, catch tables): $(kib "$tables") KiB (kept)"
 
 echo
 size=$size_mipsel_router_libqdquick_so
