@@ -11,7 +11,12 @@ for variant in plain asan; do
   flags=""
   [ "$variant" = asan ] && flags="-DQDQUICK_SANITIZE=ON"
   cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo $flags >/dev/null
-  cmake --build "$dir" -j "$jobs" >/dev/null
+  if ! cmake --build "$dir" -j "$jobs" > "$dir/build.log" 2>&1; then
+    grep -E "error|Error" "$dir/build.log" | head -n 20
+    echo "=== $variant build FAILED ==="
+    status=1
+    continue
+  fi
   echo "=== $variant build: running tests ==="
   (cd "$dir" && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
      ctest -j "$jobs" --output-on-failure --timeout 600) > "$dir/ctest.log" 2>&1 || status=1

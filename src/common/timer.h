@@ -1,0 +1,55 @@
+// Application timers: a fixed table of one-second countdowns keyed by a
+// small caller-chosen id. Shared by the create/destroy calls, the tick
+// thread, the expiry workers and the dispatcher (and reached by the tests).
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+
+#include "common/thread.h"
+#include "qdquick/qdquick.h"
+
+namespace qdq {
+
+inline constexpr int kTimerCount = 50;
+// Seconds after which an expiry whose thread could not be started is retried.
+inline constexpr int kTimerRetrySeconds = 5;
+
+}  // namespace qdq
+
+struct AppTimerEntry {
+    int status;      // 1 once created, 0 for a free entry
+    int total_time;  // period in seconds (reload value)
+    int left_time;   // seconds left; 0 means not running
+    int func;        // the timer id; 0 marks a free entry
+    int multtimes;   // non-zero: reloaded from total_time after each expiry
+    AppTimerCallback callback;
+};
+
+// The table and its count, guarded by timerlock.
+extern AppTimerEntry g_timer[qdq::kTimerCount];
+extern pthread_mutex_t timerlock;
+extern int CurTimerNum;
+// 1 once the tick thread has been started.
+extern std::atomic<int> timerflag;
+
+namespace qdq {
+
+// Holds timerlock for its scope; cancellation stays off meanwhile, so a
+// cancelled caller can never leave the table locked.
+class TimerGuard {
+public:
+    TimerGuard() { pthread_mutex_lock(&timerlock); }
+    ~TimerGuard() { pthread_mutex_unlock(&timerlock); }
+    TimerGuard(const TimerGuard &) = delete;
+    TimerGuard &operator=(const TimerGuard &) = delete;
+
+private:
+    NoCancel no_cancel_;  // constructed before the lock, released after it
+};
+
+// Index of the entry holding `timerid`, or -1. Needs timerlock.
+int timer_index(int timerid);
+
+}  // namespace qdq

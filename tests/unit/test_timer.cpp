@@ -1,0 +1,157 @@
+// Application timers on the scaled clock: timing, re-arm rules, table limits,
+// callbacks that re-enter the service, and the dispatch to the host.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <vector>
+
+#include "common/clock.h"
+#include "common/timer.h"
+#include "localsvc/callbacks.h"
+#include "platform_double.h"
+#include "test_env.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Lock = std::unique_lock<std::mutex>;
+std::mutex g_mu;
+std::condition_variable g_cv;
+std::vector<std::vector<int>> g_fired;  // id (and the host callback's arguments)
+std::vector<Clock::time_point> g_when;
+const Clock::duration kSlack = std::chrono::seconds(1);
+// Not a constant: the scale is read once, after main() has set it.
+Clock::duration tick() { return qdq::scaled(1.0); }
+
+void note(std::vector<int> call) {
+    Lock lock(g_mu);
+    g_fired.push_back(std::move(call)), g_when.push_back(Clock::now());
+    g_cv.notify_all();
+}
+
+void record(int id) { note({id}); }
+
+// Expiry times of `id` once there are n, or after `ticks` and a margin.
+std::vector<Clock::time_point> fired(int id, size_t n = 0, int ticks = 0) {
+    std::vector<Clock::time_point> out;
+    Lock lock(g_mu);
+    g_cv.wait_until(lock, Clock::now() + ticks * tick() + 3 * kSlack, [&] {
+        out.clear();
+        for (size_t i = 0; i < g_fired.size(); ++i)
+            if (g_fired[i][0] == id) out.push_back(g_when[i]);
+        return out.size() >= n;
+    });
+    return out;
+}
+
+// {index, left_time, CurTimerNum} of `id`.
+std::vector<int> state(int id) {
+    qdq::TimerGuard guard;
+    int i = qdq::timer_index(id);
+    return {i, i < 0 ? 0 : g_timer[i].left_time, CurTimerNum};
+}
+
+void rearm_three_times(int id) {
+    record(id);
+    if (fired(id).size() < 3) AppTimerCreate(2, id, 0, rearm_three_times);
+    else AppTimerDestory(id);
+}
+
+void slow(int id) { record(id), qdq::sleep_for(6); }
+
+void host_event(int id, int period, int multtimes, int reserved) { note({id, period, multtimes, reserved}); }
+
+bool logged(const char *text) {
+    return qdq_test::read_file(qdq_test::in_root("/var/shrcadlog.txt")).find(text) != std::string::npos;
+}
+
+class Timer : public ::testing::Test {
+    void SetUp() override {
+        AppInitTimerModule();
+        qdq::TimerGuard guard;
+        CurTimerNum = 0;  // the module's init leaves the count alone
+        Lock lock(g_mu);
+        g_fired.clear(), g_when.clear();
+        AppCreateTimerProcessThread();
+    }
+};
+
+TEST_F(Timer, FiresOnTimeKeepsRunningCountdownsAndRearmsFiredOnesInPlace) {
+    auto start = Clock::now();
+    ASSERT_EQ(0, AppTimerCreate(300, 13, 0, record));
+    ASSERT_EQ(0, AppTimerCreate(20, 7, 0, record));
+    auto t = fired(7, 1, 20);
+    ASSERT_EQ(1u, t.size());
+    EXPECT_GE(t[0] - start, 19 * tick());
+    EXPECT_LT(t[0] - start, 20 * tick() + kSlack);
+    ASSERT_EQ(0, AppTimerCreate(5, 13, 0, record));  // 13 is still running
+    EXPECT_GT(state(13)[1], 200);
+    EXPECT_TRUE(logged("func:13 timer exited,left_time = 2"));
+    auto before = state(7);
+    ASSERT_EQ(0, AppTimerCreate(3, 7, 0, record));  // 7 has fired
+    EXPECT_EQ((std::vector<int>{before[0], 3, 2}), state(7));
+    EXPECT_EQ(2u, fired(7, 2, 3).size());
+}
+
+TEST_F(Timer, TableHoldsFiftyIdsAndDestroyFreesOne) {
+    EXPECT_EQ(0, AppTimerDestory(40));
+    EXPECT_TRUE(logged("Current Timer number is 0, return!"));
+    for (int id = 101; id <= 150; ++id) ASSERT_EQ(0, AppTimerCreate(id == 101 ? 3 : 1000, id, 0, record));
+    EXPECT_EQ(-1, AppTimerCreate(1000, 200, 0, record));
+    EXPECT_TRUE(logged("timer num is maximum!"));
+    EXPECT_EQ(-1, AppTimerCreate(1, 201, 0, nullptr));
+    EXPECT_EQ(0, AppTimerDestory(42));
+    EXPECT_TRUE(logged("not found timer, timer is already destory!"));
+    EXPECT_EQ(0, AppTimerDestory(101));
+    EXPECT_EQ((std::vector<int>{-1, 0, 49}), state(101));
+    EXPECT_EQ(0, AppTimerCreate(1000, 200, 0, record));
+    qdq::sleep_for(8);
+    EXPECT_TRUE(fired(101).empty());
+}
+
+TEST_F(Timer, CallbackMayRearmAndDestroyItsOwnId) {
+    ASSERT_EQ(0, AppTimerCreate(2, 43, 0, rearm_three_times));
+    EXPECT_EQ(3u, fired(43, 3, 6).size());
+    qdq::sleep_for(6);
+    EXPECT_EQ((std::vector<int>{-1, 0, 0}), state(43));
+    EXPECT_EQ(3u, fired(43).size());
+}
+
+TEST_F(Timer, RepeatingPeriodCountsFromTheEndOfTheCallback) {
+    ASSERT_EQ(0, AppTimerCreate(10, 44, 1, slow));
+    auto t = fired(44, 3, 50);
+    ASSERT_EQ(3u, t.size());
+    for (int i = 1; i < 3; ++i) {
+        EXPECT_GE(t[i] - t[i - 1], 15 * tick());  // 6 in the callback + 10 - 1
+        EXPECT_LT(t[i] - t[i - 1], 16 * tick() + kSlack);
+    }
+}
+
+TEST_F(Timer, IdsWithoutAnActionGoToTheHostOrAreLogged) {
+    quickevcb.timerevent = host_event;
+    ASSERT_EQ(0, AppTimerCreate(3, 27, 1, QdTimeoutHandle));
+    ASSERT_EQ(1u, fired(27, 1, 3).size());
+    AppTimerDestory(27);
+    for (int id : {8, 20, 1000}) QdTimeoutHandle(id);
+    Lock lock(g_mu);
+    EXPECT_EQ((std::vector<std::vector<int>>{{27, 3, 1, 0}, {8, 0, 0, 0}, {20, 0, 0, 0}, {1000, 0, 0, 0}}), g_fired);
+    lock.unlock();
+    quickevcb.timerevent = nullptr;
+    QdTimeoutHandle(12);
+    EXPECT_TRUE(logged("QdTimeoutHandle: unhandled timer 12"));
+}
+
+TEST_F(Timer, PlatformTimersTickOncePerSecond) {
+    auto &p = qdq_test::platform();
+    Lock lock(p.mu);
+    auto before = std::make_pair(p.timer_ticks, Clock::now());
+    lock.unlock();
+    qdq::sleep_for(30);
+    lock.lock();
+    EXPECT_LE(p.timer_ticks - before.first, (Clock::now() - before.second) / tick() + 1);
+    EXPECT_GE(p.timer_ticks - before.first, 10);
+}
+
+}  // namespace
