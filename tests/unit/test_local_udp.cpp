@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <thread>
+
 #include "local_helpers.h"
 #include "common/log.h"
 #include "localsvc/quickinstall.h"
@@ -11,7 +13,6 @@
 namespace {
 
 int g_local = QDQ_PLAT_LOCALUDP;  // outlive the service threads
-int g_manage = QDQ_PLAT_MANAGE;
 
 // Starts a service and waits until it answers.
 void start(int *type, unsigned port) {
@@ -55,8 +56,15 @@ TEST(LocalUdp, ManagePortSkipsEmptyDispatchReopensAfterErrorAndYieldsToDisconnec
     const long fds = net::open_fds();
     const unsigned port = local::free_port(SOCK_DGRAM);
     manageplatinfo.localport = port;
+    manageplatinfo.tcpflag = 0;
     qdq_test::platform().reset();
-    start(&g_manage, port);
+    // Timer 19 starts it, occupying the expiry thread.
+    std::thread([] { QdTimeoutHandle(19); }).detach();
+    ASSERT_TRUE(local::wait_until([&] {
+        local::Udp probe;
+        probe.send(port, local::ping(0));
+        return probe.recv(50) != "<none>";
+    }));
     const int first = manageplatinfo.socketfd;
     ASSERT_GE(fcntl(first, F_GETFD), 0);
     const pthread_t tid = manageplatinfo.tid;
@@ -109,6 +117,10 @@ TEST(LocalUdp, RefusesOtherSourcesAndEndsWhenThePortIsTaken) {
         EXPECT_TRUE(net::logged(qdq::kLogMain, "StartProcessUdpRequest: invalid plattype " + std::to_string(type)));
     }
     EXPECT_EQ(StartProcessUdpRequest(nullptr), 0);
+    manageplatinfo.tcpflag = 1;  // timer 19 then takes the TCP service, which refuses plattype 2
+    QdTimeoutHandle(19);
+    EXPECT_TRUE(net::logged(qdq::kLogMain, "StartProcessTcpRequest ! plattype:2"));
+    manageplatinfo.tcpflag = 0;
     EXPECT_EQ(CreatePrecessUdpReqThread(nullptr), EINVAL);
     EXPECT_TRUE(qdq_test::platform().calls_named("RunSystemCmd").empty());
 
