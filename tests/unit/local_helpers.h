@@ -13,9 +13,8 @@
 #include "platform_double.h"
 
 #if defined(__SANITIZE_ADDRESS__)
-// These programs cancel service threads. GCC 12's ASan runtime fails a
-// CHECK while a cancelled thread unwinds (its sigaltstack interceptor,
-// google/sanitizers#1399) unless frames live on its fake stacks.
+// GCC 12's ASan fails a CHECK when a cancelled thread unwinds
+// (google/sanitizers#1399) unless frames live on its fake stacks.
 extern "C" __attribute__((visibility("default"))) const char *__asan_default_options() { return "detect_stack_use_after_return=1"; }
 #endif
 
@@ -66,6 +65,15 @@ inline int json_int(const std::string &text, const char *key) {
 inline std::string ping(int seq, size_t pad = 0) {
     return "{\"RPCMethod\":\"LocalPing\",\"Seq\":" + std::to_string(seq) + ",\"Pad\":\"" + std::string(pad, 'p') +
            "\"}";
+}
+
+// Waits until `port` answers a command over UDP.
+inline bool udp_answers(unsigned port) {
+    return wait_until([&] {
+        Udp c;
+        c.send(port, ping(0));
+        return c.recv(50) != "<none>";
+    });
 }
 
 // A port that was free a moment ago.

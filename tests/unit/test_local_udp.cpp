@@ -6,23 +6,13 @@
 
 #include <thread>
 
-#include "local_helpers.h"
 #include "common/log.h"
+#include "local_helpers.h"
 #include "localsvc/quickinstall.h"
 
 namespace {
 
 int g_local = QDQ_PLAT_LOCALUDP;  // outlive the service threads
-
-// Starts a service and waits until it answers.
-void start(int *type, unsigned port) {
-    ASSERT_EQ(CreatePrecessUdpReqThread(type), 0);
-    local::Udp c;
-    ASSERT_TRUE(local::wait_until([&] {
-        c.send(port, local::ping(0));
-        return c.recv(50) != "<none>";
-    }));
-}
 
 std::string firewall(const char *op, unsigned port) {
     return std::string("RunSystemCmd iptables ") + op + " INPUT " + (op[1] == 'I' ? "1 " : "") +
@@ -30,9 +20,8 @@ std::string firewall(const char *op, unsigned port) {
 }
 
 TEST(LocalUdp, AnswersEveryDatagramWholeUpTo2048Bytes) {
-    static bool started = false;
-    if (!started) start(&g_local, qdq::kLocalUdpPort);
-    started = true;
+    static const bool started = CreatePrecessUdpReqThread(&g_local) == 0 && local::udp_answers(qdq::kLocalUdpPort);
+    ASSERT_TRUE(started);
     EXPECT_GE(local::count_calls(firewall("-D", qdq::kLocalUdpPort)), 1u);
     EXPECT_GE(local::count_calls(firewall("-I", qdq::kLocalUdpPort)), 1u);
 
@@ -60,11 +49,7 @@ TEST(LocalUdp, ManagePortSkipsEmptyDispatchReopensAfterErrorAndYieldsToDisconnec
     qdq_test::platform().reset();
     // Timer 19 starts it, occupying the expiry thread.
     std::thread([] { QdTimeoutHandle(19); }).detach();
-    ASSERT_TRUE(local::wait_until([&] {
-        local::Udp probe;
-        probe.send(port, local::ping(0));
-        return probe.recv(50) != "<none>";
-    }));
+    ASSERT_TRUE(local::udp_answers(port));
     const int first = manageplatinfo.socketfd;
     ASSERT_GE(fcntl(first, F_GETFD), 0);
     const pthread_t tid = manageplatinfo.tid;
@@ -86,12 +71,7 @@ TEST(LocalUdp, ManagePortSkipsEmptyDispatchReopensAfterErrorAndYieldsToDisconnec
     ASSERT_TRUE(local::wait_until([&] { return local::count_calls(firewall("-I", port)) == 2; }));
     EXPECT_TRUE(net::logged(qdq::kLogTrace, "Error: recvfrom err,reopen socket"));
     EXPECT_EQ(local::count_calls(firewall("-D", port)), 2u);
-    std::string reply;
-    ASSERT_TRUE(local::wait_until([&] {
-        c.send(port, local::ping(7));
-        reply = c.recv(50);
-        return local::json_int(reply, "Seq") == 7;
-    }));
+    ASSERT_TRUE(local::udp_answers(port));
 
     // The platform disconnect's teardown: cancel the thread, close the
     // descriptor it published. The port is free afterwards and the service
@@ -116,7 +96,6 @@ TEST(LocalUdp, RefusesOtherSourcesAndEndsWhenThePortIsTaken) {
         EXPECT_EQ(StartProcessUdpRequest(&type), 0);
         EXPECT_TRUE(net::logged(qdq::kLogMain, "StartProcessUdpRequest: invalid plattype " + std::to_string(type)));
     }
-    EXPECT_EQ(StartProcessUdpRequest(nullptr), 0);
     manageplatinfo.tcpflag = 1;  // timer 19 then takes the TCP service, which refuses plattype 2
     QdTimeoutHandle(19);
     EXPECT_TRUE(net::logged(qdq::kLogMain, "StartProcessTcpRequest ! plattype:2"));
