@@ -20,47 +20,51 @@ namespace {
 // datagram of the full size is still a terminated text.
 constexpr std::size_t kRequestMax = 2048;
 
-// The service socket. It is closed on every way out but one: when the
-// manage platform's service is cancelled in its wait, the canceller (the
-// platform disconnect) closes the descriptor it finds in
-// manageplatinfo.socketfd; closing it here as well could close an
-// unrelated descriptor that took the same number in the meantime.
+// The service socket. For plattype 2 it is published in
+// manageplatinfo.socketfd, where the platform session may take it: the
+// session takes a socket out of the record in one atomic exchange and then
+// closes it. The rule on both sides is "whoever takes it out of the record
+// closes it", so this service closes its socket only after taking it back
+// with a compare-and-exchange; when the session was first, the number is
+// the session's to close (closing it here could close a reused number).
 class ServiceSocket {
 public:
     explicit ServiceSocket(int type) : type_(type) {}
-    ~ServiceSocket() {
-        if (waiting && type_ == QDQ_PLAT_MANAGE)
-            fd_.release();
-        else
-            drop();
-    }
+    ~ServiceSocket() { drop(); }
     ServiceSocket(const ServiceSocket &) = delete;
     ServiceSocket &operator=(const ServiceSocket &) = delete;
 
     bool open() {
-        drop();
         fd_.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         if (!fd_.valid()) return false;
-        if (type_ == QDQ_PLAT_MANAGE) manageplatinfo.socketfd = fd_.get();
+        if (type_ == QDQ_PLAT_MANAGE) __atomic_store_n(&manageplatinfo.socketfd, fd_.get(), __ATOMIC_RELEASE);
         return true;
     }
-    // Unpublishes the descriptor before closing it, so that nobody picks
-    // up a number that is about to be closed.
-    void drop() {
-        if (type_ == QDQ_PLAT_MANAGE && fd_.valid() && manageplatinfo.socketfd == fd_.get())
-            manageplatinfo.socketfd = -1;
+    // Closes the socket unless the session has taken it; false then.
+    bool drop() {
+        int expected = fd_.get();
+        if (type_ == QDQ_PLAT_MANAGE && fd_.valid() &&
+            !__atomic_compare_exchange_n(&manageplatinfo.socketfd, &expected, -1, false, __ATOMIC_ACQ_REL,
+                                         __ATOMIC_ACQUIRE)) {
+            fd_.release();  // not ours to close
+            return false;
+        }
         fd_.reset();
+        return true;
+    }
+    // False once the platform session has taken the socket (a disconnect):
+    // the service then ends without touching the descriptor again.
+    bool ours() const {
+        return type_ != QDQ_PLAT_MANAGE || __atomic_load_n(&manageplatinfo.socketfd, __ATOMIC_ACQUIRE) == fd_.get();
     }
     int get() const { return fd_.get(); }
-
-    // True while the thread is blocked in a cancellable wait; left true
-    // when a cancellation unwinds from there.
-    bool waiting = false;
 
 private:
     int type_;
     qdq::Fd fd_;
 };
+
+enum class Next { Reopen, Taken };
 
 void answer(int fd, const char *request, ssize_t len, const sockaddr_in &from, int *plattype) {
     char addr[INET_ADDRSTRLEN] = "";
@@ -88,25 +92,24 @@ void answer(int fd, const char *request, ssize_t len, const sockaddr_in &from, i
     if (sent == -1) QDQ_LOG("send is return -1 , errno=%s\n", std::strerror(errno));
 }
 
-// Answers datagrams until the socket has to be re-opened.
-void serve(ServiceSocket &sock, int *plattype) {
+// Answers datagrams until the socket has to be re-opened or was taken.
+Next serve(ServiceSocket &sock, int *plattype) {
     char buf[kRequestMax + 1];
     for (;;) {
         std::memset(buf, 0, sizeof buf);
         int ready;
-        sock.waiting = true;
         {
             qdq::CancelWindow window;
             ready = qdq::wait_readable(sock.get(), -1);
         }
-        sock.waiting = false;
+        if (!sock.ours()) return Next::Taken;
         if (ready < 0) {
             AppMgrLogLine(qdq::kLogTrace, "Error:  in select\n");
-            return;
+            return Next::Reopen;
         }
         if (ready == 0) {
             AppMgrLogLine(qdq::kLogTrace, "Error: FD_ISSET return 0\n");
-            return;
+            return Next::Reopen;
         }
         sockaddr_in from{};
         socklen_t fromlen = sizeof from;
@@ -119,7 +122,7 @@ void serve(ServiceSocket &sock, int *plattype) {
             QDQ_LOG("recvfrom Error!errno: %d\n", err);
             if (err == EAGAIN || err == EWOULDBLOCK || err == EINTR) continue;
             AppMgrLogLine(qdq::kLogTrace, "Error: recvfrom err,reopen socket");
-            return;
+            return Next::Reopen;
         }
         answer(sock.get(), buf, n, from, plattype);
     }
@@ -171,7 +174,10 @@ int StartProcessUdpRequest(int *plattype) {
             return -1;
         }
         qdq::open_firewall_port("udp", port);
-        serve(sock, plattype);
+        if (serve(sock, plattype) == Next::Taken || !sock.drop()) {
+            QDQ_LOG("StartProcessUdpRequest: socket taken by the platform session, end\n");
+            return 0;
+        }
     }
 }
 
