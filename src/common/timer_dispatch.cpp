@@ -4,11 +4,23 @@
 #include "common/timer.h"
 #include "jsonmsg/processjsonmsg.h"
 #include "localsvc/callbacks.h"
+#include "localsvc/quickinstall.h"
 
 namespace {
 
 void reboot_gateway(int) { safeSystem("reboot"); }
 void resend_manage_reply(int) { HGResendManagePlatReply(); }
+
+// The manage platform's local request service, TCP or UDP by its record's
+// tcpflag. The UDP service occupies this expiry thread while it runs; the
+// TCP one serves only local clients and refuses plattype 2 at once.
+void start_manage_local_service(int) {
+    static int manage = QDQ_PLAT_MANAGE;  // read by the service for its whole life
+    if (manageplatinfo.tcpflag == 1)
+        StartProcessTcpRequest(&manage);
+    else
+        StartProcessUdpRequest(&manage);
+}
 
 struct TimerAction {
     int id;
@@ -18,6 +30,7 @@ struct TimerAction {
 constexpr TimerAction kTimerActions[] = {
     // Session timers (9, 10, 13 to 19) join here with their modules.
     {18, resend_manage_reply},
+    {19, start_manage_local_service},
     {28, reboot_gateway},
 };
 
