@@ -1,16 +1,23 @@
 // qdquick-bench: prints one table of where the library stands against
-// baselines measured in the same run. Runs at QDQUICK_TIME_SCALE=1 unless
-// told otherwise; binds the fixed ports 18401 and 18998, so run it in a
-// private network namespace (scripts/bench.sh does).
+// baselines measured in the same run. Each row runs in a child process of
+// its own (a fresh library, no service threads left over from another
+// row); the parent collects their figures and prints the table. Runs at
+// QDQUICK_TIME_SCALE=1 unless told otherwise; binds the fixed ports 18401
+// and 18998, so run it in a private network namespace (scripts/bench.sh
+// does).
+#include <limits.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <sstream>
 #include <string>
 
 #include "env.h"
-#include "qdquick/qdquick.h"
+#include "proc.h"
 #include "rows.h"
 
 namespace {
@@ -21,11 +28,63 @@ void usage() {
                  "  --quick   short windows, one sample each, 3 idle seconds (a smoke run)\n");
 }
 
+// A figure as one line between the row's process and the parent.
+void emit(const bench::Figure &f) {
+    std::printf("FIG\t%s\t%s\t%s\t%.17g\t%.17g\t%d\t%s\n", f.row.c_str(), f.name.c_str(), f.unit.c_str(), f.ours,
+                f.base, f.higher_better ? 1 : 0, f.baseline.c_str());
+}
+
+bool parse(const std::string &line, bench::Figure &f) {
+    std::istringstream in(line);
+    std::string tag, ours, base, higher;
+    if (!std::getline(in, tag, '\t') || tag != "FIG") return false;
+    std::getline(in, f.row, '\t');
+    std::getline(in, f.name, '\t');
+    std::getline(in, f.unit, '\t');
+    std::getline(in, ours, '\t');
+    std::getline(in, base, '\t');
+    std::getline(in, higher, '\t');
+    std::getline(in, f.baseline);
+    f.ours = std::atof(ours.c_str());
+    f.base = std::atof(base.c_str());
+    f.higher_better = higher == "1";
+    return true;
+}
+
+// The child's side: one row, its figures on standard output.
+int run_row(char row, const bench::Plan &plan, const std::string &sim, const std::string &daemon) {
+    const std::string root = bench::make_root();
+    int rc = 0;
+    try {
+        std::vector<bench::Figure> figures;
+        switch (row) {
+        case '1': figures = bench::local_rows(plan); break;
+        case '2': figures = bench::session_rows(plan, sim); break;
+        case '3': figures = bench::codec_rows(plan); break;
+        case '4': figures = bench::log_rows(plan); break;
+        case '5': figures = bench::footprint_rows(plan, daemon, sim); break;
+        default: throw std::runtime_error("no such row");
+        }
+        for (const auto &f : figures) emit(f);
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "row %c failed: %s\n", row, e.what());
+        rc = 1;
+    }
+    if (getenv("QDQUICK_BENCH_KEEP") != nullptr)  // to look at the logs afterwards
+        std::fprintf(stderr, "row %c root kept: %s\n", row, root.c_str());
+    else
+        bench::remove_root(root);
+    std::fflush(stdout);
+    // Library service threads live as long as the process: no exit handlers.
+    _exit(rc);
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
     bench::Plan plan;
     std::string rows = "1,2,3,4,5", sim = QDQ_BENCH_SIM, daemon = QDQ_BENCH_DAEMON;
+    char row = 0;
     for (int i = 1; i < argc; i++) {
         const bool more = i + 1 < argc;
         if (std::strcmp(argv[i], "--quick") == 0) {
@@ -36,16 +95,20 @@ int main(int argc, char **argv) {
             sim = argv[++i];
         } else if (std::strcmp(argv[i], "--daemon") == 0 && more) {
             daemon = argv[++i];
+        } else if (std::strcmp(argv[i], "--row") == 0 && more) {  // internal: a row's process
+            row = argv[++i][0];
+        } else if (std::strcmp(argv[i], "--floor") == 0) {  // internal: row 5's bare process
+            return bench::run_floor_process();
         } else {
             usage();
             return 2;
         }
     }
     setenv("QDQUICK_TIME_SCALE", getenv("QDQUICK_TIME_SCALE") ? getenv("QDQUICK_TIME_SCALE") : "1", 1);
-    const std::string root = bench::make_root();
-    quickevcb_t callbacks{};
-    initQdQuick(&callbacks);
+    if (row != 0) return run_row(row, plan, sim, daemon);
 
+    char self[PATH_MAX] = "";
+    if (readlink("/proc/self/exe", self, sizeof self - 1) < 0) return 1;
     char date[32];
     time_t now = time(nullptr);
     strftime(date, sizeof date, "%Y-%m-%d %H:%M", localtime(&now));
@@ -56,27 +119,23 @@ int main(int argc, char **argv) {
 
     std::vector<bench::Figure> table;
     int failed = 0;
-    auto run = [&](const char *row, auto body) {
-        if (std::strstr(rows.c_str(), row) == nullptr) return;
-        try {
-            for (auto &f : body()) table.push_back(f);
-        } catch (const std::exception &e) {
-            std::fprintf(stderr, "row %s failed: %s\n", row, e.what());
-            failed++;
+    for (char r : std::string("12345")) {
+        if (rows.find(r) == std::string::npos) continue;
+        std::vector<std::string> args = {self, "--row", std::string(1, r), "--sim", sim, "--daemon", daemon};
+        if (plan.quick) args.push_back("--quick");
+        bench::Child child(args);
+        std::string output;
+        if (child.finish(output) != 0) failed++;
+        std::istringstream lines(output);
+        for (std::string line; std::getline(lines, line);) {
+            bench::Figure f;
+            if (parse(line, f))
+                table.push_back(f);
+            else
+                std::fprintf(stderr, "%s\n", line.c_str());
         }
-    };
-    run("1", [&] { return bench::local_rows(plan); });
-    run("2", [&] { return bench::session_rows(plan, sim); });
-    run("3", [&] { return bench::codec_rows(plan); });
-    run("4", [&] { return bench::log_rows(plan); });
-    run("5", [&] { return bench::footprint_rows(plan, daemon, sim); });
+    }
     bench::print_table(table, header);
     std::printf("\nafter the run: %s\n", bench::machine_text().c_str());
-    if (getenv("QDQUICK_BENCH_KEEP") != nullptr)  // for looking at the logs afterwards
-        std::printf("root kept: %s\n", root.c_str());
-    else
-        bench::remove_root(root);
-    std::fflush(stdout);
-    // The library's service threads live as long as the process.
-    _exit(failed ? 1 : 0);
+    return failed ? 1 : 0;
 }

@@ -2,5 +2,4 @@
 #include "rows.h"
 namespace bench {
 std::vector<Figure> session_rows(const Plan &, const std::string &) { throw std::runtime_error("not yet"); }
-std::vector<Figure> footprint_rows(const Plan &, const std::string &, const std::string &) { throw std::runtime_error("not yet"); }
 }

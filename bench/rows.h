@@ -19,5 +19,8 @@ std::vector<Figure> codec_rows(const Plan &plan);
 std::vector<Figure> log_rows(const Plan &plan);
 // 5: the daemon's memory, threads, descriptors and idle CPU time.
 std::vector<Figure> footprint_rows(const Plan &plan, const std::string &daemon, const std::string &sim);
+// Row 5's baseline process: maps the same libraries, serves bare echoes
+// (ports on its first output line) and does nothing else until killed.
+int run_floor_process();
 
 }  // namespace bench

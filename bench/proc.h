@@ -1,0 +1,41 @@
+// Child processes (the rows, the simulator, the daemon) and what /proc
+// says about a process.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace bench {
+
+// A program started with its standard output on a pipe; stopped (SIGTERM,
+// then SIGKILL) and reaped when destroyed.
+class Child {
+public:
+    explicit Child(const std::vector<std::string> &argv);
+    ~Child();
+    Child(const Child &) = delete;
+    Child &operator=(const Child &) = delete;
+
+    pid_t pid() const { return pid_; }
+    // The next line of its output (without the newline), or "" at its end
+    // or after `ms` milliseconds.
+    std::string read_line(int ms);
+    // The rest of its output and its exit status (-1 when killed).
+    int finish(std::string &output);
+
+private:
+    pid_t pid_ = -1;
+    int out_ = -1;
+    std::string pending_;
+};
+
+// Figures of a live process.
+struct Usage {
+    double rss_kib = 0, vm_kib = 0, threads = 0, fds = 0;
+    double cpu_seconds = 0;  // user + system time so far
+};
+Usage usage_of(pid_t pid);
+
+}  // namespace bench
