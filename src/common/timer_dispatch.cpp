@@ -3,6 +3,7 @@
 #include "common/log.h"
 #include "common/timer.h"
 #include "localsvc/callbacks.h"
+#include "platintf/session.h"
 
 namespace {
 
@@ -14,7 +15,14 @@ struct TimerAction {
 };
 
 constexpr TimerAction kTimerActions[] = {
-    // Session timers (9, 10, 13 to 19) join here with their modules.
+    {qdq::kTimerConnectManage, qdq::timer_connect_manage},
+    {qdq::kTimerConnectPlugin, qdq::timer_connect_plugin},
+    {qdq::kTimerManageHeartbeat, qdq::timer_heartbeat},
+    {qdq::kTimerManageHbTimeout, qdq::timer_heartbeat_timeout},
+    {qdq::kTimerPluginHeartbeat, qdq::timer_heartbeat},
+    {qdq::kTimerPluginHbTimeout, qdq::timer_heartbeat_timeout},
+    {qdq::kTimerPluginDisconnect, qdq::disconnect_plugin_if_registered},
+    // Timers 18 and 19 join here with their modules.
     {28, reboot_gateway},
 };
 
