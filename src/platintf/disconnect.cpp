@@ -1,7 +1,5 @@
 // Tearing a platform session down: heartbeat timers, the channel's loop
 // thread, the session socket and the heartbeat settings.
-#include <sys/socket.h>
-
 #include <cstring>
 
 #include "common/log.h"
@@ -35,8 +33,7 @@ extern "C" QDQ_API int HGDisconnectPlat(int plattype) {
     // Shut down before closing: a channel loop reads from a duplicate of
     // this descriptor, and a read blocked inside a half-sent frame must
     // end now, as it would when the connection's last descriptor closes.
-    if (rec->socketfd > 0) shutdown(rec->socketfd, SHUT_RDWR);
-    qdq::close_session_socket(rec);
+    qdq::close_session_socket(rec, true);
     std::memset(rec->heartbeatip, 0, sizeof rec->heartbeatip);
     rec->heartbeatport = 0;
     rec->interval = 0;

@@ -87,8 +87,9 @@ int pick_address(int count, int last);
 // Time-seeded pseudo-random number (the session's draws of ports and waits).
 int time_seeded_rand();
 
-// Closes the record's session socket (when it holds one) and stores -1.
-void close_session_socket(platinfo *rec);
+// Closes the record's session socket (when it holds one, shut down first
+// when asked) and stores -1.
+void close_session_socket(platinfo *rec, bool shut_down = false);
 
 // Cancels the platform's receive loop if it still runs on `tid`; returns
 // pthread_cancel's result, or ESRCH when that loop has ended.

@@ -1,5 +1,6 @@
 // Pieces shared by the session procedures: the connect-thread guard, the
 // address draw, the session socket and the default platform addresses.
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -72,10 +73,15 @@ int session_exchange(int plattype, const platinfo &rec, const char *msg,
     return ret;
 }
 
-void close_session_socket(platinfo *rec) {
+void close_session_socket(platinfo *rec, bool shut_down) {
+    // Taken out of the record in one step: a channel ending by itself and a
+    // disconnect from another thread may both get here, and only one of
+    // them may close the number (the other could close a reused one).
+    const int fd = __atomic_exchange_n(&rec->socketfd, -1, __ATOMIC_ACQ_REL);
     // 0 is never a session socket here: a cleared record holds it.
-    if (rec->socketfd > 0) close(rec->socketfd);
-    rec->socketfd = -1;
+    if (fd <= 0) return;
+    if (shut_down) shutdown(fd, SHUT_RDWR);
+    close(fd);
 }
 
 // Default platform addresses, for records whose MgtURL is empty or "0.0.0.0".
