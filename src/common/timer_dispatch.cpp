@@ -2,12 +2,14 @@
 // action. Ids without an action go to the host's timer event callback.
 #include "common/log.h"
 #include "common/timer.h"
+#include "jsonmsg/processjsonmsg.h"
 #include "localsvc/callbacks.h"
 #include "platintf/session.h"
 
 namespace {
 
 void reboot_gateway(int) { safeSystem("reboot"); }
+void resend_manage_reply(int) { HGResendManagePlatReply(); }
 
 struct TimerAction {
     int id;
@@ -22,7 +24,8 @@ constexpr TimerAction kTimerActions[] = {
     {qdq::kTimerPluginHeartbeat, qdq::timer_heartbeat},
     {qdq::kTimerPluginHbTimeout, qdq::timer_heartbeat_timeout},
     {qdq::kTimerPluginDisconnect, qdq::disconnect_plugin_if_registered},
-    // Timers 18 and 19 join here with their modules.
+    {18, resend_manage_reply},
+    // Timer 19 joins here with the local services.
     {28, reboot_gateway},
 };
 

@@ -6,7 +6,6 @@
 
 #include <pthread.h>
 
-#include "qdquick/qdq_export.h"
 #include "qdquick/qdquick.h"
 
 // Codes of the Boot and Register procedures (besides a platform "Result").
@@ -33,9 +32,6 @@ void HgProcessPlatTcpConnect(int plattype);
 int HgProcessPlatTcpRequest(char *message, int plattype);
 // Thread body of CreateConnectPluginPlatThread.
 void *StartProcessConnectPluginPlat(void *);
-
-// Appends one time-stamped line to "/var/pluginlog.txt" (emptied at 1 MiB).
-void HgSavePluginProcessLog(const char *format, ...) QDQ_PRINTF(1, 2);
 
 // Held by a plugin-channel worker while it copies its message.
 extern pthread_mutex_t tcpreq_mutex;

@@ -1,6 +1,6 @@
 // Session procedures without a platform: the thread guard, the address
-// draw, connect refusals, the plugin log limit, and stopping a channel loop
-// from another thread without leaking a descriptor or a lock.
+// draw, connect refusals, and stopping a channel loop from another thread
+// without leaking a descriptor or a lock.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -84,18 +84,6 @@ TEST_F(Session, ConnectRefusalsAndTheManageConnectClearingThePluginRecord) {
     EXPECT_EQ(manageplatinfo.port, 60001u);
     EXPECT_GE(manageplatinfo.localport, 17100u);
     EXPECT_LE(manageplatinfo.localport, 17198u);
-}
-
-TEST_F(Session, PluginLogIsEmptiedAtOneMebibyte) {
-    const std::string file = qdq_test::in_root("/var/pluginlog.txt");
-    for (size_t size : {size_t{1048575}, size_t{1048576}}) {
-        qdq_test::write_file(file, std::string(size, 'x'));
-        HgSavePluginProcessLog("Run C Plugin success, name:%s, version:%s, status:Active", "b01", "1.0");
-        const std::string text = qdq_test::read_file(file);
-        const std::string tail = " : Run C Plugin success, name:b01, version:1.0, status:Active\n";
-        EXPECT_EQ(text.size() > size, size < 1048576) << size;
-        EXPECT_EQ(text.compare(text.size() - tail.size(), tail.size(), tail), 0) << size;
-    }
 }
 
 struct LoopRun {
