@@ -4,12 +4,24 @@
 #include "common/timer.h"
 #include "jsonmsg/processjsonmsg.h"
 #include "localsvc/callbacks.h"
+#include "localsvc/quickinstall.h"
 #include "platintf/session.h"
 
 namespace {
 
 void reboot_gateway(int) { safeSystem("reboot"); }
 void resend_manage_reply(int) { HGResendManagePlatReply(); }
+
+// The manage platform's local request service, TCP or UDP by its record's
+// tcpflag. The UDP service occupies this expiry thread while it runs; the
+// TCP one serves only local clients and refuses plattype 2 at once.
+void start_manage_local_service(int) {
+    static int manage = QDQ_PLAT_MANAGE;  // read by the service for its whole life
+    if (manageplatinfo.tcpflag == 1)
+        StartProcessTcpRequest(&manage);
+    else
+        StartProcessUdpRequest(&manage);
+}
 
 struct TimerAction {
     int id;
@@ -25,7 +37,7 @@ constexpr TimerAction kTimerActions[] = {
     {qdq::kTimerPluginHbTimeout, qdq::timer_heartbeat_timeout},
     {qdq::kTimerPluginDisconnect, qdq::disconnect_plugin_if_registered},
     {18, resend_manage_reply},
-    // Timer 19 joins here with the local services.
+    {19, start_manage_local_service},
     {28, reboot_gateway},
 };
 

@@ -144,7 +144,7 @@ namespace qdq {
 int cancel_channel_thread(int plattype, pthread_t tid) {
     ChannelLock lock;
     const ChannelSlot &slot = slot_of(plattype);
-    if (!slot.live || !pthread_equal(slot.thread, tid)) return ESRCH;  // that loop has ended
+    if (!slot.live || !pthread_equal(slot.thread, tid)) return -1;  // no loop runs there
     return pthread_cancel(tid);
 }
 

@@ -22,13 +22,17 @@ extern "C" QDQ_API int HGDisconnectPlat(int plattype) {
     }
     QDQ_LOG("HGDisconnectPlat end! tid = %lu socketfd = %d", qdq::thread_number(rec->tid), rec->socketfd);
     int ret = 0;
-    const pthread_t tid = rec->tid;  // left as it is: only a live loop is cancelled
+    // `tid` is left as it is, and only a receive loop that still runs on it
+    // is cancelled: the id of a finished thread may name another one by now.
+    const pthread_t tid = rec->tid;
     if (qdq::thread_set(tid) && !pthread_equal(tid, pthread_self())) {
-        ret = qdq::cancel_channel_thread(plattype, tid);
-        if (ret != 0)
-            QDQ_LOG("send cancel disconnect plat fail,ret:%d", ret);
-        else
+        const int rc = qdq::cancel_channel_thread(plattype, tid);
+        if (rc > 0) {
+            ret = rc;
+            QDQ_LOG("send cancel disconnect plat fail,ret:%d", rc);
+        } else if (rc == 0) {
             QDQ_LOG("send cancel disconnect plat ok, tid:%lu", qdq::thread_number(tid));
+        }
     }
     // Shut down before closing: a channel loop reads from a duplicate of
     // this descriptor, and a read blocked inside a half-sent frame must

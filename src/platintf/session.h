@@ -88,7 +88,9 @@ int time_seeded_rand();
 void close_session_socket(platinfo *rec, bool shut_down = false);
 
 // Cancels the platform's receive loop if it still runs on `tid`; returns
-// pthread_cancel's result, or ESRCH when that loop has ended.
+// pthread_cancel's result, or -1 when no loop runs there (it has ended, or
+// `tid` names another thread, such as the manage platform's local UDP
+// service, which ends by itself once the session takes its socket).
 int cancel_channel_thread(int plattype, pthread_t tid);
 
 // Default addresses used when a record's MgtURL is empty or "0.0.0.0".

@@ -50,8 +50,10 @@ def test_manage_disconnect_reconnects_after_5s(make_sim, make_host):
     start = time.time()
     assert host.command("disconnect 2", "disconnect_return")["ret"] == 0
     rec = host.record("manage")
-    assert (rec["status"], rec["regflag"], rec["heartbeatip"], rec["interval"], rec["mgturl"]) == \
-        ("disconnect", 0, "", 0, HOST)
+    assert (rec["status"], rec["regflag"], rec["heartbeatip"], rec["interval"], rec["mgturl"], rec["socketfd"]) == \
+        ("disconnect", 0, "", 0, HOST, -1)
+    # The local request service on the manage port ends with the session.
+    assert wait_until(lambda: host.sockets() == 0, timeout=scaled(4))
     boot = sim.wait(platform="manage", kind="boot", since=last, timeout=10)
     assert boot["time"] - start >= scaled(5) - TICK
     assert wait_until(lambda: host.statuses("manage").count("connected") >= 2)

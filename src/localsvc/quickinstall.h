@@ -1,0 +1,85 @@
+// Internal interface of the local request services (module quickinstall):
+// the local UDP ports (manage platform's local port, 18401), the local TCP
+// port (cubeplatinfo.localsrvport) and the Base64 quick-install port 7998.
+#pragma once
+
+#include <pthread.h>
+#include <sys/socket.h>
+
+#include "qdquick/qdquick.h"
+
+namespace qdq {
+
+// Module name at the head of trace-log lines ("%s line %d ...").
+inline constexpr const char *kLocalModule = "quickinstall";
+
+inline constexpr unsigned kLocalUdpPort = 18401;
+inline constexpr unsigned kQuickPort = 7998;
+inline constexpr int kLocalTcpSlots = 5;
+
+// Deferred cancellation for the scope of one blocking call (accept, poll,
+// recv): the service threads run with cancellation disabled everywhere
+// else, so they are never cancelled while holding a lock or halfway through
+// an update of shared state.
+class CancelWindow {
+public:
+    CancelWindow() {
+        pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
+        pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    }
+    ~CancelWindow() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); }
+    CancelWindow(const CancelWindow &) = delete;
+    CancelWindow &operator=(const CancelWindow &) = delete;
+};
+
+// Opens `port` of `proto` ("udp" or "tcp") at the head of the INPUT chain:
+// deletes an earlier copy of the rule, then inserts it. Runs iptables with
+// an argument vector (no shell).
+void open_firewall_port(const char *proto, unsigned port);
+
+// The local TCP service's state, copied under its lock (for the host's
+// diagnostics and the tests). A free slot holds socket -1.
+struct LocalTcpState {
+    pthread_t service;  // localtcptid: 0 when no service runs
+    int listen_fd;      // locallisten: -1 when none
+    int connections;    // localconnum
+    int sockets[kLocalTcpSlots];
+    pthread_t threads[kLocalTcpSlots];
+};
+LocalTcpState local_tcp_state();
+
+// Connection table of the local TCP service (tcp_slots.cpp).
+// Records `sock` in the lowest free slot and starts its worker, first
+// evicting slot 0 when all five are taken. Returns 0 when a worker took the
+// socket (the worker owns and closes it), -1 when not (the caller closes it).
+int admit_local_connection(int sock, int plattype);
+// A worker's last step: frees the slot that still holds `sock`, if any (an
+// evicted worker's slot was freed by the eviction).
+void release_local_connection(int sock);
+// Fills the table part of `state`.
+void copy_local_slots(LocalTcpState &state);
+
+}  // namespace qdq
+
+// Thread body of the local UDP service: plattype 2 (the manage platform's
+// localport) or 5 (18401). Returns 0 for any other plattype, -1 when the
+// socket cannot be made or bound; otherwise runs until cancelled.
+int StartProcessUdpRequest(int *plattype);
+
+// Thread body of the local TCP service (plattype 4 only; else -1 at once).
+// Stops an earlier instance first. Returns -1 when it cannot start;
+// otherwise runs until StopProcessTcpRequest or a later start.
+int StartProcessTcpRequest(int *plattype);
+
+// Worker body of one local TCP connection. `arg` is a malloc'ed "%d#%d"
+// text (plattype, socket) that the worker frees; the worker owns the socket.
+int ProcessClientTcpRequest(char *arg);
+
+// Thread body of the quick-install service on UDP 7998. Returns -1 when the
+// socket cannot be made or bound; otherwise never returns.
+int StartProcessPrivateUdpRequest(void);
+
+// Base64-encodes `reply` and sends it to `to`. Frees `request` (the decoded
+// request) whenever it is not null. 0 when a reply was sent, else -1.
+int QuickSend(char *request, const char *reply, const struct sockaddr *to, int sock,
+              socklen_t tolen);

@@ -1,0 +1,197 @@
+// Local UDP request service: JSON command datagrams on the manage
+// platform's local port (plattype 2) or on 18401 (plattype 5), each answered
+// with the dispatcher's reply as one datagram to its sender.
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "common/json.h"
+#include "common/log.h"
+#include "common/socket.h"
+#include "common/thread.h"
+#include "localsvc/quickinstall.h"
+
+namespace {
+
+// Largest request datagram. The buffer holds one byte more, so that a
+// datagram of the full size is still a terminated text.
+constexpr std::size_t kRequestMax = 2048;
+
+// The service socket. For plattype 2 it is published in
+// manageplatinfo.socketfd, where the platform session may take it: the
+// session takes a socket out of the record in one atomic exchange and then
+// closes it. The rule on both sides is "whoever takes it out of the record
+// closes it", so this service closes its socket only after taking it back
+// with a compare-and-exchange; when the session was first, the number is
+// the session's to close (closing it here could close a reused number).
+class ServiceSocket {
+public:
+    explicit ServiceSocket(int type) : type_(type) {}
+    ~ServiceSocket() { drop(); }
+    ServiceSocket(const ServiceSocket &) = delete;
+    ServiceSocket &operator=(const ServiceSocket &) = delete;
+
+    bool open() {
+        fd_.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        if (!fd_.valid()) return false;
+        if (type_ == QDQ_PLAT_MANAGE) __atomic_store_n(&manageplatinfo.socketfd, fd_.get(), __ATOMIC_RELEASE);
+        return true;
+    }
+    // Closes the socket unless the session has taken it; false then.
+    bool drop() {
+        int expected = fd_.get();
+        if (type_ == QDQ_PLAT_MANAGE && fd_.valid() &&
+            !__atomic_compare_exchange_n(&manageplatinfo.socketfd, &expected, -1, false, __ATOMIC_ACQ_REL,
+                                         __ATOMIC_ACQUIRE)) {
+            fd_.release();  // not ours to close
+            return false;
+        }
+        fd_.reset();
+        return true;
+    }
+    // False once the platform session has taken the socket (a disconnect):
+    // the service then ends without touching the descriptor again.
+    bool ours() const {
+        return type_ != QDQ_PLAT_MANAGE || __atomic_load_n(&manageplatinfo.socketfd, __ATOMIC_ACQUIRE) == fd_.get();
+    }
+    int get() const { return fd_.get(); }
+
+private:
+    int type_;
+    qdq::Fd fd_;
+};
+
+enum class Next { Reopen, Taken };
+
+void answer(int fd, const char *request, ssize_t len, const sockaddr_in &from, int *plattype) {
+    char addr[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &from.sin_addr, addr, sizeof addr);
+    const int port = ntohs(from.sin_port);
+    QDQ_LOG("recv length:%d\n", static_cast<int>(len));
+    QDQ_LOG("receive buf:\n%s", request);
+    AppMgrLogLine(qdq::kLogTrace, "%s line %d %s: receive from %s:%d %s", qdq::kLocalModule, __LINE__,
+                  "StartProcessUdpRequest", addr, port, request);
+
+    char *raw = nullptr;
+    const int ret = HGProcessPlatJsonMsg(request, &raw, plattype);
+    qdq::CText reply(raw);
+    if (ret == 0) {
+        QDQ_LOG("send buf is NULL, continue\n");
+        return;
+    }
+    if (!reply) return;
+    QDQ_LOG("sendbuf: %s\n", reply.get());
+    AppMgrLogLine(qdq::kLogTrace, "%s line %d %s: sendto %s:%d %s", qdq::kLocalModule, __LINE__,
+                  "StartProcessUdpRequest", addr, port, reply.get());
+    ssize_t sent = sendto(fd, reply.get(), std::strlen(reply.get()), 0,
+                          reinterpret_cast<const sockaddr *>(&from), sizeof from);
+    QDQ_LOG("sendret: %d\n", static_cast<int>(sent));
+    if (sent == -1) QDQ_LOG("send is return -1 , errno=%s\n", std::strerror(errno));
+}
+
+// Answers datagrams until the socket has to be re-opened or was taken.
+Next serve(ServiceSocket &sock, int *plattype) {
+    char buf[kRequestMax + 1];
+    for (;;) {
+        std::memset(buf, 0, sizeof buf);
+        int ready;
+        {
+            qdq::CancelWindow window;
+            ready = qdq::wait_readable(sock.get(), -1);
+        }
+        if (!sock.ours()) return Next::Taken;
+        if (ready < 0) {
+            AppMgrLogLine(qdq::kLogTrace, "Error:  in select\n");
+            return Next::Reopen;
+        }
+        if (ready == 0) {
+            AppMgrLogLine(qdq::kLogTrace, "Error: FD_ISSET return 0\n");
+            return Next::Reopen;
+        }
+        sockaddr_in from{};
+        socklen_t fromlen = sizeof from;
+        // Readiness was just seen; not blocking here keeps a datagram that
+        // vanished in between from stalling the thread outside its wait.
+        ssize_t n = recvfrom(sock.get(), buf, kRequestMax, MSG_DONTWAIT,
+                             reinterpret_cast<sockaddr *>(&from), &fromlen);
+        if (n < 0) {
+            const int err = errno;
+            QDQ_LOG("recvfrom Error!errno: %d\n", err);
+            if (err == EAGAIN || err == EWOULDBLOCK || err == EINTR) continue;
+            AppMgrLogLine(qdq::kLogTrace, "Error: recvfrom err,reopen socket");
+            return Next::Reopen;
+        }
+        answer(sock.get(), buf, n, from, plattype);
+    }
+}
+
+void *udp_entry(void *arg) {
+    StartProcessUdpRequest(static_cast<int *>(arg));
+    return nullptr;
+}
+
+void *quick_entry(void *) {
+    StartProcessPrivateUdpRequest();
+    return nullptr;
+}
+
+}  // namespace
+
+// The threads that run this are created detached (the timer's expiry
+// threads included), so the body does not detach itself.
+int StartProcessUdpRequest(int *plattype) {
+    qdq::NoCancel no_cancel;  // cancellable only inside its wait
+    const int type = plattype != nullptr ? *plattype : -1;
+    unsigned port;
+    if (type == QDQ_PLAT_MANAGE) {
+        port = manageplatinfo.localport;
+        manageplatinfo.tid = pthread_self();
+    } else if (type == QDQ_PLAT_LOCALUDP) {
+        port = qdq::kLocalUdpPort;
+    } else {
+        QDQ_LOG("StartProcessUdpRequest: invalid plattype %d", type);
+        return 0;
+    }
+    QDQ_LOG("StartProcessUdpRequest plattype:%d,port:%d\n", type, static_cast<int>(port));
+
+    ServiceSocket sock(type);
+    for (;;) {
+        if (!sock.open()) {
+            QDQ_LOG("create socket error, errno=%s\n", std::strerror(errno));
+            return -1;
+        }
+        if (qdq::set_reuseaddr(sock.get()) == 0)
+            QDQ_LOG("set address reuse succ!\n");
+        else
+            QDQ_LOG("set address reuse fail!\n");
+        sockaddr_in addr;
+        qdq::ipv4_address(nullptr, port, addr);
+        if (bind(sock.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) < 0) {
+            QDQ_LOG("bind failed, errno=%s\n", std::strerror(errno));
+            return -1;
+        }
+        qdq::open_firewall_port("udp", port);
+        if (serve(sock, plattype) == Next::Taken || !sock.drop()) {
+            QDQ_LOG("StartProcessUdpRequest: socket taken by the platform session, end\n");
+            return 0;
+        }
+    }
+}
+
+extern "C" QDQ_API int CreatePrecessUdpReqThread(int *plattype) {
+    const int value = plattype != nullptr ? *plattype : -1;
+    QDQ_LOG("CreatePrecessUdpReqThread for plat %d!\n!", value);
+    int rc;
+    if (plattype == nullptr)
+        rc = EINVAL;
+    else if (value != QDQ_PLAT_QUICKINSTALL)
+        rc = qdq::start_thread(nullptr, udp_entry, plattype, true);
+    else
+        rc = qdq::start_thread(nullptr, quick_entry, nullptr, true);
+    if (rc != 0) QDQ_LOG("Create CreatePrecessUdpReqThread thread failed\n!");
+    QDQ_LOG("CreatePrecessUdpReqThread end\n!");
+    return rc;
+}

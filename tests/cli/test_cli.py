@@ -1,0 +1,111 @@
+"""qdquick-cli against one-shot loopback servers: replies, time-outs,
+refusals, malformed replies, standard input and the status file."""
+import base64
+import json
+import os
+import socket
+import struct
+import subprocess
+import threading
+
+import pytest
+
+CLI = os.environ["QDQ_CLI"]
+CMD = b'{"RPCMethod":"ListPlugin"}'
+
+
+def run(*args, stdin=None):
+    return subprocess.run([CLI, *args], input=stdin, capture_output=True, text=True, timeout=20)
+
+
+def serve_once(kind, answer):
+    """Starts a server that answers one request with answer(request): bytes,
+    or None to stay silent. Returns its port and the request it got."""
+    sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM if kind == "udp" else socket.SOCK_STREAM)
+    sock.bind(("127.0.0.1", 0))
+    sock.settimeout(10)
+    got = []
+
+    def work():
+        with sock:
+            if kind == "udp":
+                req, peer = sock.recvfrom(65536)
+                got.append(req)
+                if answer(req) is not None:
+                    sock.sendto(answer(req), peer)
+                return
+            conn, _ = sock.accept()
+            with conn:
+                got.append(conn.recv(struct.unpack(">I", conn.recv(4, socket.MSG_WAITALL))[0], socket.MSG_WAITALL))
+                reply = answer(got[0])
+                conn.sendall(reply) if reply is not None else conn.recv(1)
+
+    if kind == "tcp":
+        sock.listen(1)
+    threading.Thread(target=work, daemon=True).start()
+    return sock.getsockname()[1], got
+
+
+def frame(text):
+    return struct.pack(">I", len(text)) + text
+
+
+def echo(req):
+    return json.dumps(dict(json.loads(req), Result=0)).encode()
+
+
+@pytest.mark.parametrize("kind,flag,answer,code,expect", [
+    ("udp", "--udp", echo, 0, ""),
+    ("tcp", "--tcp", lambda r: frame(echo(r)), 0, ""),
+    ("udp", "--quick", lambda r: base64.b64encode(echo(base64.b64decode(r))), 0, ""),
+    ("udp", "--udp", lambda r: None, 3, "time-out"),
+    ("udp", "--udp", lambda r: b"not json", 5, "not JSON"),
+    ("tcp", "--tcp", lambda r: frame(b'{"Result":0}')[:9], 5, "cut short"),
+    ("tcp", "--tcp", lambda r: b"", 6, "without a reply"),
+])
+def test_one_exchange(kind, flag, answer, code, expect):
+    port, got = serve_once(kind, answer)
+    res = run(flag, "--port", str(port), "--timeout", "0.5", CMD.decode())
+    assert res.returncode == code, res.stderr
+    assert (base64.b64decode(got[0]) if flag == "--quick" else got[0]) == CMD
+    if code == 0:
+        assert json.loads(res.stdout) == {"RPCMethod": "ListPlugin", "Result": 0}
+        assert "\n\t" in res.stdout  # pretty-printed
+    else:
+        assert expect in res.stderr and res.stdout == ""
+
+
+def test_raw_reply_and_command_from_stdin():
+    port, got = serve_once("tcp", lambda r: frame(b'{"Plugin":[],"Result":0}'))
+    res = run("--tcp", "--port", str(port), "--raw", stdin='{"RPCMethod": "ListPlugin"}\n')
+    assert res.returncode == 0, res.stderr
+    assert got == [b'{"RPCMethod": "ListPlugin"}\n']  # sent as given
+    assert res.stdout == '{"Plugin":[],"Result":0}\n'
+
+
+@pytest.mark.parametrize("flag", ["--udp", "--tcp"])
+def test_refused(flag):
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        port = probe.getsockname()[1]
+    res = run(flag, "--port", str(port), "{}")
+    assert res.returncode == 4 and "refused" in res.stderr
+
+
+@pytest.mark.parametrize("args,stdin", [(["{bad"], None), ([], ""), (["--port", "0", "{}"], None),
+                                        (["--bogus"], None), (["status"], None)])
+def test_bad_input_sends_nothing(args, stdin):
+    res = run(*args, stdin=stdin)
+    assert res.returncode == 2 and "--help" in res.stderr
+
+
+def test_status_file_and_help(tmp_path):
+    status = tmp_path / "status.json"
+    status.write_text('{"manage":{"status":"connected"}}')
+    res = run("status", "--status-file", str(status))
+    assert res.returncode == 0 and json.loads(res.stdout) == {"manage": {"status": "connected"}}
+    status.write_text("{")
+    assert run("status", "--status-file", str(status)).returncode == 5
+    res = run("status", "--status-file", str(tmp_path / "missing.json"))
+    assert res.returncode == 7 and "missing.json" in res.stderr
+    assert "Exit status" in run("--help").stdout
