@@ -17,7 +17,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 #include "common/json.h"
@@ -164,7 +163,7 @@ void HgProcessPlatTcpConnect(int plattype) {
     LoopCancelRegime regime;
     // The loop's own descriptor for the same connection; the record's
     // number stays the one everybody else sends on and closes.
-    qdq::Fd sock(rec->socketfd >= 0 ? fcntl(rec->socketfd, F_DUPFD_CLOEXEC, 0) : -1);
+    qdq::Fd sock(rec->socketfd > 0 ? fcntl(rec->socketfd, F_DUPFD_CLOEXEC, 0) : -1);
     ChannelRegistration registration(plattype);
     rec->tid = pthread_self();
 
