@@ -1,8 +1,10 @@
 #!/bin/sh
 # Installs the Debian packages the build, the tools and the tests need.
+# gcc-mipsel-linux-gnu proves the 32-bit record layouts (gcc-multilib would
+# conflict with it and with scripts/cross-mipsel.sh).
 set -eu
 pkgs="build-essential cmake pkgconf libcjson-dev libssl-dev libgtest-dev googletest \
-      gcc-multilib g++-multilib python3 python3-pytest openssl wget tar iproute2 util-linux \
+      gcc-mipsel-linux-gnu python3 python3-pytest openssl wget tar iproute2 util-linux \
       procps coreutils binutils"
 missing=""
 for p in $pkgs; do

@@ -1,6 +1,8 @@
 #!/bin/sh
 # The whole test suite: installs what is needed, builds twice (plainly and
-# with AddressSanitizer + UndefinedBehaviorSanitizer) and runs every test.
+# with AddressSanitizer + UndefinedBehaviorSanitizer) and runs every test,
+# then cross-builds for mipsel and runs the tests under qemu-mipsel
+# (QDQUICK_SKIP_CROSS=1 leaves the cross part out).
 set -eu
 cd "$(dirname "$0")/.."
 ./scripts/deps.sh
@@ -22,4 +24,8 @@ for variant in plain asan; do
      ctest -j "$jobs" --output-on-failure --timeout 600) > "$dir/ctest.log" 2>&1 || status=1
   grep -E "tests passed|tests failed|The following tests FAILED|^\s+[0-9]+ - |Total Test time" "$dir/ctest.log" || tail -n 20 "$dir/ctest.log"
 done
+if [ "${QDQUICK_SKIP_CROSS:-0}" != 1 ]; then
+  echo "=== mipsel cross build: tests under qemu-mipsel ==="
+  ./scripts/cross-mipsel.sh || status=1
+fi
 exit $status

@@ -1,6 +1,8 @@
 #!/bin/sh
 # Installs the build tree into a temporary prefix, builds the C host against
 # the installed headers and pkg-config files only, and runs it.
+# In a cross build CC, CXX and PKG_CONFIG name the target's tools and
+# QDQ_EMULATOR the program that runs target binaries (qemu-mipsel).
 set -eu
 build_dir=$1
 src_dir=$2
@@ -9,15 +11,16 @@ trap 'rm -rf "$work"' EXIT
 cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
 libdir=$(ls -d "$work"/prefix/lib*/pkgconfig | head -n 1 | xargs dirname)
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
+pkg_config=${PKG_CONFIG:-pkg-config}
 extra=""
 case " ${QDQ_SANITIZE_FLAGS:-} " in *fsanitize*) extra="$QDQ_SANITIZE_FLAGS" ;; esac
 # The host is plain C99 with every warning an error.
 ${CC:-cc} -std=c99 -pedantic -Wall -Wextra -Werror $extra \
-  $(pkg-config --cflags qdquick qdplatform) "$src_dir/c_host.c" -o "$work/c_host" \
-  $(pkg-config --libs qdquick qdplatform)
+  $($pkg_config --cflags qdquick qdplatform) "$src_dir/c_host.c" -o "$work/c_host" \
+  $($pkg_config --libs qdquick qdplatform)
 # The same headers compile as C++.
 ${CXX:-c++} -std=c++17 -Wall -Wextra -Werror -fsyntax-only -x c++ \
-  $(pkg-config --cflags qdquick) "$src_dir/c_host.c"
+  $($pkg_config --cflags qdquick) "$src_dir/c_host.c"
 mkdir -p "$work/root/var"
-QDQUICK_ROOT="$work/root" LD_LIBRARY_PATH="$libdir" "$work/c_host"
+QDQUICK_ROOT="$work/root" LD_LIBRARY_PATH="$libdir" ${QDQ_EMULATOR:-} "$work/c_host"
 grep -q "c host says 42" "$work/root/var/shrcadlog.txt"

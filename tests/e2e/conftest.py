@@ -7,6 +7,7 @@ from __future__ import annotations
 import json
 import os
 import select
+import shlex
 import socket
 import subprocess
 import threading
@@ -16,10 +17,14 @@ from typing import Any, Callable, Iterator
 
 import pytest
 
+# A cross build runs the test host under its emulator, that many times
+# slower: every scale, slack and wait below is stretched by SLOW.
+EMULATOR = shlex.split(os.environ.get("QDQ_EMULATOR", ""))
+SLOW = float(os.environ.get("QDQ_E2E_SLOWDOWN", "1"))
 # QDQUICK_TIME_SCALE of the host and --time-scale of the simulator: the
 # 20 s heartbeat reply wait is 1 s, long enough for a loaded sanitizer run.
 SCALE = 0.05
-TICK = 0.1  # slack for one timer tick and scheduling, in real seconds
+TICK = 0.1 * SLOW  # slack for one timer tick and scheduling, in real seconds
 IN_NETNS = os.environ.get("QDQ_E2E_NETNS") == "1"  # private namespace: fixed ports are free
 MULTI = os.environ.get("QDQ_E2E_MULTI", "")  # a name with two loopback addresses
 SERIAL = "SN-E2E-0001"
@@ -33,14 +38,14 @@ PLAT = {"cube": 1, "manage": 2, "plugin": 3}
 
 def scaled(seconds: float, scale: float = SCALE) -> float:
     """Real seconds of `seconds` library seconds."""
-    return seconds * scale
+    return seconds * scale * SLOW
 
 
 class Sim:
     def __init__(self, tmp: Path, script: dict[str, Any] | None, args: list[str], scale: float) -> None:
         self.record_path = tmp / "records.jsonl"
         cmd = [SIM, "--serial", SERIAL, "--loid", LOID, "--record", str(self.record_path),
-               "--control-port", "0", "--time-scale", str(scale)]
+               "--control-port", "0", "--time-scale", str(scale * SLOW)]
         if not any(a.startswith("--bind") for a in args):
             cmd += ["--bind", HOST]
         cmd += [f"--{n}-port=0" for n in ("cube", "manage", "plugin", "message")
@@ -62,7 +67,7 @@ class Sim:
         return json.loads(self._lines.readline())
 
     def wait(self, timeout: float = 5, **filters: Any) -> dict[str, Any]:
-        reply = self.control(cmd="wait", timeout=timeout, **filters)
+        reply = self.control(cmd="wait", timeout=timeout * SLOW, **filters)
         assert reply["ok"], (filters, reply)
         return reply["record"]
 
@@ -93,9 +98,9 @@ class Host:
         for d in ("var", "etc/config/system", "qdconf", "tmp"):
             (root / d).mkdir(parents=True, exist_ok=True)
         self.root = root
-        full_env = dict(os.environ, QDQUICK_ROOT=str(root), QDQUICK_TIME_SCALE=str(scale),
+        full_env = dict(os.environ, QDQUICK_ROOT=str(root), QDQUICK_TIME_SCALE=str(scale * SLOW),
                         QDQUICK_DEFAULT_CUBE=HOST, QDQUICK_DEFAULT_MANAGE=HOST, **env)
-        cmd = [TESTHOST, "--serial", SERIAL, "--mac", MAC, "--loid", LOID, "--ipaddr", "192.168.1.10"] + args
+        cmd = EMULATOR + [TESTHOST, "--serial", SERIAL, "--mac", MAC, "--loid", LOID, "--ipaddr", "192.168.1.10"] + args
         self.proc = subprocess.Popen(cmd, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                      stderr=subprocess.PIPE, text=True, env=full_env)
         self.events: list[dict[str, Any]] = []
@@ -111,7 +116,7 @@ class Host:
 
     def wait_event(self, timeout: float = 10, since: int = 0, **match: Any) -> dict[str, Any]:
         """The first event after index `since` with these fields."""
-        deadline = time.monotonic() + timeout
+        deadline = time.monotonic() + timeout * SLOW
         with self._cond:
             while True:
                 for ev in self.events[since:]:
@@ -185,7 +190,7 @@ def make_host(tmp_path: Path) -> Iterator[Callable[..., Host]]:
 
 
 def wait_until(cond: Callable[[], Any], timeout: float = 10) -> Any:
-    deadline = time.monotonic() + timeout
+    deadline = time.monotonic() + timeout * SLOW
     while time.monotonic() < deadline:
         value = cond()
         if value:

@@ -7,16 +7,17 @@
 # that need the namespace are skipped.
 hosts=$1
 shift
-if unshare --net true 2>/dev/null; then
-    if unshare --net --mount true 2>/dev/null; then
-        exec unshare --net --mount sh -c '
+if [ "$(id -u)" = 0 ]; then user=; else user=--map-root-user; fi
+if command -v ip >/dev/null 2>&1 && unshare $user --net true 2>/dev/null; then
+    if unshare $user --net --mount true 2>/dev/null; then
+        exec unshare $user --net --mount sh -c '
             ip link set lo up || exit 1
             hosts=$1; shift
             mount --bind "$hosts" /etc/hosts 2>/dev/null && export QDQ_E2E_MULTI=multi.platform.test
             export QDQ_E2E_NETNS=1
             exec /usr/bin/python3 -m pytest "$@"' sh "$hosts" "$@"
     fi
-    exec unshare --net sh -c 'ip link set lo up && QDQ_E2E_NETNS=1 exec /usr/bin/python3 -m pytest "$@"' sh "$@"
+    exec unshare $user --net sh -c 'ip link set lo up && QDQ_E2E_NETNS=1 exec /usr/bin/python3 -m pytest "$@"' sh "$@"
 fi
 echo "run.sh: no network namespace, using the host's loopback" >&2
 exec /usr/bin/python3 -m pytest "$@"

@@ -19,4 +19,9 @@ void write_file(const std::string &file, const std::string &content);
 // The time scale this process runs with (QDQUICK_TIME_SCALE).
 double time_scale();
 
+// How many times slower than natively this process runs: QDQ_TEST_SLOWDOWN,
+// which the cross build sets for tests under user-mode emulation; 1 by
+// default. Fixed wall-clock time-outs in a test are stretched by it.
+double slowdown();
+
 }  // namespace qdq_test

@@ -38,6 +38,12 @@ double time_scale() {
     return v ? atof(v) : 1.0;
 }
 
+double slowdown() {
+    const char *v = getenv("QDQ_TEST_SLOWDOWN");
+    double factor = v ? atof(v) : 1.0;
+    return factor >= 1.0 ? factor : 1.0;
+}
+
 }  // namespace qdq_test
 
 int main(int argc, char **argv) {
