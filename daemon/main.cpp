@@ -21,6 +21,7 @@
 #include "distri.h"
 #include "events.h"
 #include "plugins.h"
+#include "qdquick/qdplatform.h"
 #include "qdquick/qdquick.h"
 #include "records.h"
 #include "say.h"
@@ -30,6 +31,8 @@
 namespace {
 
 constexpr double kStopWaitSeconds = 3.0;
+// The platform layer's device facts (a system path: the layer applies the root).
+constexpr const char *kDeviceFile = "/etc/qdplatform/device.conf";
 const char *const kPlatformNames[] = {"", "cube", "manage", "plugin"};
 
 void usage(FILE *out) {
@@ -44,7 +47,8 @@ void usage(FILE *out) {
 
 // Directories the library and the daemon write into, below the root.
 void make_directories() {
-    for (const char *dir : {"/var", "/var/qdquickd", "/qdconf", "/etc", "/etc/config", "/etc/config/system"}) {
+    for (const char *dir : {"/var", "/var/qdquickd", "/qdconf", "/etc", "/etc/config", "/etc/config/system",
+                            "/etc/qdplatform"}) {
         const std::string path = qdq::path(dir);
         if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST)
             std::fprintf(stderr, "qdquickd: cannot create %s: %s\n", path.c_str(), std::strerror(errno));
@@ -163,6 +167,11 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "qdquickd: cannot set up signal and event descriptors: %s\n", std::strerror(errno));
         return 1;
     }
+
+    // The platform layer answers GetLoidInfo from its device file; on a
+    // plain Linux host the configuration is where the LOID is known.
+    if (setcfgx(kDeviceFile, "loid", config.loid.c_str()) != 0)
+        std::fprintf(stderr, "qdquickd: cannot store the LOID in %s\n", kDeviceFile);
 
     const quickevcb_t callbacks = qdd::host_callbacks();
     initQdQuick(&callbacks);
