@@ -101,7 +101,8 @@ def main(argv: list[str]) -> int:
     extras: list[Any] = []
     try:
         packages = PackageServer(args.packages, HOST, args.package_port, recorder)
-        extras += [packages, JobManager(HOST, args.jobmanager_port, recorder)]
+        jobmanager = JobManager(HOST, args.jobmanager_port, recorder)
+        extras += [packages, jobmanager]
         size = os.path.getsize(package_path) if not args.no_install else 0
         script = Script.from_obj(gateway_script(args, packages.url(HOST, SAMPLE_FILE), size))
         config = Config(ports={name: getattr(args, f"{name}_port") for name in DEFAULT_PORTS},
@@ -119,7 +120,7 @@ def main(argv: list[str]) -> int:
     for server in extras:
         server.start()
     store = _appstore(args, recorder, stop)
-    print(f"qdquick-sim gateway packages={HOST}:{packages.port} jobmanager={HOST}:{args.jobmanager_port}"
+    print(f"qdquick-sim gateway packages={HOST}:{packages.port} jobmanager={HOST}:{jobmanager.port}"
           f" appstore={'on' if store is not None else 'off'}", flush=True)
     status = sim.run()
     for server in [*extras, *([store] if store is not None else [])]:
