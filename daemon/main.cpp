@@ -2,10 +2,10 @@
 // configuration, fills the library's records, hands it the callbacks,
 // starts the sessions and local services, and runs in the foreground until
 // SIGTERM or SIGINT.
+#include <fcntl.h>
 #include <getopt.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -94,6 +94,33 @@ void handle(const qdd::Config &config, const qdd::Event &e) {
     }
 }
 
+int g_signal_pipe[2] = {-1, -1};
+
+void on_stop_signal(int signo) {
+    const int saved = errno;
+    const unsigned char byte = static_cast<unsigned char>(signo);
+    ssize_t ignored = write(g_signal_pipe[1], &byte, 1);  // full pipe: a stop is pending anyway
+    (void)ignored;
+    errno = saved;
+}
+
+int signal_pipe() {
+    if (pipe2(g_signal_pipe, O_CLOEXEC | O_NONBLOCK) != 0) return -1;
+    struct sigaction sa;
+    std::memset(&sa, 0, sizeof sa);
+    sa.sa_handler = on_stop_signal;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = SA_RESTART;
+    if (sigaction(SIGTERM, &sa, nullptr) != 0 || sigaction(SIGINT, &sa, nullptr) != 0) return -1;
+    // Socket writes to a closed peer must fail, not end the daemon.
+    signal(SIGPIPE, SIG_IGN);
+    return g_signal_pipe[0];
+}
+
+const char *signal_name(int signo) {
+    return signo == SIGTERM ? "SIGTERM" : signo == SIGINT ? "SIGINT" : "poll failure";
+}
+
 // Waits for SIGTERM or SIGINT, handling queued events meanwhile.
 int run_until_signal(const qdd::Config &config, int signal_fd) {
     for (;;) {
@@ -106,9 +133,8 @@ int run_until_signal(const qdd::Config &config, int signal_fd) {
             for (const qdd::Event &e : qdd::take_events()) handle(config, e);
         }
         if (fds[0].revents & POLLIN) {
-            signalfd_siginfo info;
-            if (read(signal_fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info))
-                return static_cast<int>(info.ssi_signo);
+            unsigned char signo = 0;
+            if (read(signal_fd, &signo, 1) == 1) return signo;
         }
     }
 }
@@ -154,15 +180,11 @@ int main(int argc, char **argv) {
     qdd::set_quiet(quiet);
     make_directories();
 
-    // Every thread started from here on inherits the blocked signals; only
-    // the main loop receives them, through the descriptor.
-    sigset_t stop_signals;
-    sigemptyset(&stop_signals);
-    sigaddset(&stop_signals, SIGTERM);
-    sigaddset(&stop_signals, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-    const int signal_fd = signalfd(-1, &stop_signals, SFD_CLOEXEC);
+    // SIGTERM and SIGINT only write their number into a pipe that the main
+    // loop watches. Handlers rather than a blocked mask: a blocked mask would
+    // be inherited by every program the library starts (plugins included),
+    // which then could not be stopped with SIGTERM.
+    const int signal_fd = signal_pipe();
     if (signal_fd < 0 || !qdd::events_init()) {
         std::fprintf(stderr, "qdquickd: cannot set up signal and event descriptors: %s\n", std::strerror(errno));
         return 1;
@@ -184,7 +206,7 @@ int main(int argc, char **argv) {
     qdd::sessions_start();
 
     const int signo = run_until_signal(config, signal_fd);
-    qdd::say("%s received: disconnecting the platforms", signo > 0 ? strsignal(signo) : "poll failure");
+    qdd::say("%s received: disconnecting the platforms", signal_name(signo));
     const bool all_ended = qdd::sessions_stop(kStopWaitSeconds);
     if (!all_ended) qdd::note("some connect threads were still busy; leaving them");
     qdd::plugins_stop_all();

@@ -34,7 +34,7 @@ sed -e "s|\"root\": \"\"|\"root\": \"$root\"|" -e 's|"retry_seconds": 30|"retry_
     daemon/qdquickd.json > "$root/etc/qdquickd.json"
 
 say() { printf '%s demo: %s\n' "$(date +%H:%M:%S)" "$*"; }
-sim_pid= daemon_pid= tail_pid=
+sim_pid= daemon_pid=
 stop_all() {
   trap - EXIT INT TERM
   if [ -n "$daemon_pid" ] && kill -0 "$daemon_pid" 2>/dev/null; then
@@ -46,8 +46,7 @@ stop_all() {
   if [ -n "$sim_pid" ] && kill -0 "$sim_pid" 2>/dev/null; then
     kill -TERM "$sim_pid"; wait "$sim_pid" 2>/dev/null || true
   fi
-  sleep 0.2
-  [ -n "$tail_pid" ] && kill "$tail_pid" 2>/dev/null
+  sleep 1   # the last lines reach the screen
   if pgrep -x sampleplugin >/dev/null 2>&1; then say "WARNING: sampleplugin still runs"; fi
   say "logs and state files are kept in $root"
 }
@@ -65,8 +64,10 @@ wait_for() {
 
 say "root $root (network: $QDQ_DEMO_INSIDE, time scale $scale)"
 : > "$root/sim.out"; : > "$root/daemon.out"
-tail -q -n +1 --pid=$$ -f "$root/sim.out" "$root/daemon.out" &
-tail_pid=$!
+# Only the readable lines: the tools the library runs (wget, tar) also
+# write to the daemon's output.
+(tail -n +1 --pid=$$ -f "$root/sim.out" | grep --line-buffered ' sim: ') &
+(tail -n +1 --pid=$$ -f "$root/daemon.out" | grep --line-buffered -E ' qdquickd: |^sampleplugin: ') &
 /usr/bin/python3 sim/qdquick-sim --gateway --time-scale "$scale" \
     --packages build/examples/sample-plugin/packages --record "$root/sim-record.jsonl" \
     > "$root/sim.out" 2> "$root/sim.err" &
