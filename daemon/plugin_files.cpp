@@ -80,10 +80,15 @@ int find_process(const std::string &program) {
         if (!std::isdigit(static_cast<unsigned char>(e->d_name[0]))) continue;
         std::ifstream comm(std::string("/proc/") + e->d_name + "/comm");
         std::string name;
-        if (std::getline(comm, name) && name == want) {
-            found = std::atoi(e->d_name);
-            break;
-        }
+        if (!std::getline(comm, name) || name != want) continue;
+        // An exited process waiting for its parent is not running.
+        std::ifstream stat(std::string("/proc/") + e->d_name + "/stat");
+        std::string line;
+        std::getline(stat, line);
+        const auto paren = line.rfind(')');
+        if (paren != std::string::npos && paren + 2 < line.size() && line[paren + 2] == 'Z') continue;
+        found = std::atoi(e->d_name);
+        break;
     }
     closedir(proc);
     return found;

@@ -28,8 +28,8 @@ std::string plugin_dir(const std::string &bundle);
 // Reads plugin_dir(bundle) + "Info.plugin"; false when it is missing.
 bool read_descriptor(const std::string &bundle, PluginDescriptor &out);
 
-// Pid of a running process whose name is `program` (kernel names are cut
-// to 15 characters), or 0.
+// Pid of a running (not exited) process whose name is `program` (kernel
+// names are cut to 15 characters), or 0.
 int find_process(const std::string &program);
 
 }  // namespace qdd

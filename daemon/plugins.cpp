@@ -173,7 +173,13 @@ void plugins_stop_all() {
         for (const auto &[name, p] : g_plugins)
             if (p.status == "Active") active.emplace_back(name, p.version);
     }
-    for (const auto &[name, version] : active) plugin_stop(name.c_str(), version.c_str());
+    for (const auto &[name, version] : active) {
+        plugin_stop(name.c_str(), version.c_str());
+        // Give it a moment to end, so that the daemon leaves nothing behind.
+        PluginDescriptor d;
+        if (!read_descriptor(name, d)) continue;
+        for (int i = 0; i < 20 && find_process(d.entry) != 0; ++i) usleep(50 * 1000);
+    }
 }
 
 }  // namespace qdd

@@ -71,7 +71,8 @@ def process_running(name: str) -> int:
     for entry in Path("/proc").iterdir():
         if entry.name.isdigit():
             try:
-                if (entry / "comm").read_text().strip() == name:
+                stat = (entry / "stat").read_text()
+                if (entry / "comm").read_text().strip() == name and stat[stat.rindex(")") + 2] != "Z":
                     return int(entry.name)
             except OSError:
                 continue
@@ -155,9 +156,10 @@ class Gateway:
                 p.popen.kill()
                 p.popen.wait()
         # A failed test may leave the plugin behind; the next test needs it gone.
-        pid = process_running("sampleplugin")
-        if pid:
+        while pid := process_running("sampleplugin"):
             os.kill(pid, signal.SIGKILL)
+            eventually(lambda p=pid: not Path(f"/proc/{p}").exists() or process_running("sampleplugin") != p,
+                       5, "a killed plugin to end")
 
 
 @pytest.fixture
