@@ -63,11 +63,13 @@ void handle(const qdd::Config &config, const qdd::Event &e) {
         if (e.plattype < 1 || e.plattype > 3) return;
         const char *name = kPlatformNames[e.plattype];
         qdd::status_platform(e.plattype, e.text, e.value);
-        // Heartbeats repeat for ever: tell the first of each session only.
+        // Heartbeats repeat for ever: tell the first of each session only;
+        // the steps of a connect go to the log.
         if (e.text == "wait_heatbeat" && !g_heartbeat_told[e.plattype]) {
             g_heartbeat_told[e.plattype] = true;
             qdd::say("%s platform: heartbeat answered (every %u s)", name, getPlatInfo(e.plattype)->interval);
-        } else if (e.text == "heartbeating" || e.text == "wait_heatbeat") {
+        } else if (e.text == "heartbeating" || e.text == "wait_heatbeat" || e.text == "connecting" ||
+                   e.text == "registering") {
             qdd::note("%s platform: %s", name, e.text.c_str());
         } else {
             if (e.text == "connected" || e.text == "disconnect") g_heartbeat_told[e.plattype] = false;

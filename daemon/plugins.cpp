@@ -73,8 +73,8 @@ void *install_body(void *arg) {
     const std::string name = record->name, version = record->version;
     HgDownLoadCpluginAndProcess(record.get());
     const std::string status = status_of(name);
-    say("install of %s %s ended: %s", name.c_str(), version.c_str(), status.c_str());
     if (status == "Active") report_running(name, version);
+    else say("install of %s %s ended: %s", name.c_str(), version.c_str(), status.c_str());
     return nullptr;
 }
 

@@ -47,7 +47,8 @@ stop_all() {
     kill -TERM "$sim_pid"; wait "$sim_pid" 2>/dev/null || true
   fi
   sleep 1   # the last lines reach the screen
-  if pgrep -x sampleplugin >/dev/null 2>&1; then say "WARNING: sampleplugin still runs"; fi
+  # (an exited process that nobody reaped yet shows as Z: it does not run)
+  if ps -C sampleplugin -o stat= 2>/dev/null | grep -qv Z; then say "WARNING: sampleplugin still runs"; fi
   say "logs and state files are kept in $root"
 }
 trap stop_all EXIT
@@ -78,7 +79,7 @@ daemon_pid=$!
 
 ok=1
 wait_for 'plugin .* is running' 60 "$root/daemon.out" || { say "the sample plugin did not come up"; ok=0; }
-wait_for 'manage platform: heartbeat answered' 30 "$root/daemon.out" || ok=0
+wait_for 'manage platform: heartbeat received' 30 "$root/sim.out" || ok=0
 wait_for 'plugin platform: heartbeat answered' 30 "$root/daemon.out" || ok=0
 
 # A local program asks the gateway for its plugins on the local TCP port.
