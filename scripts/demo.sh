@@ -104,11 +104,13 @@ case "$answer" in *sample*) ;; *) ok=0 ;; esac
 
 if [ "$keep" = 1 ]; then
   pfx=""; [ "$QDQ_DEMO_INSIDE" = netns ] && pfx="nsenter -t $$ -n "
+  cli=""; [ -x build/tools/cli/qdquick-cli ] &&
+    cli="  ${pfx}env QDQUICK_ROOT=$root $top/build/tools/cli/qdquick-cli status"
   cat <<EOT
 
 The gateway keeps running. From another terminal try:
   cat $root/var/qdquickd/status.json             # what qdquickd keeps per platform
-  ${pfx}env QDQUICK_ROOT=$root $top/build/tools/cli/qdquick-cli status
+$cli
   tail -f $root/var/shrcadlog.txt                # the library's log
   tail -f $root/var/qdquickd.log                 # the daemon's log
   cat $root/qdconf/CPlugin/sample/Data/ticks     # the sample plugin counts here
