@@ -9,8 +9,8 @@ DEFAULT_PORTS = {"cube": 12112, "manage": 60001, "plugin": 60002, "message": 600
 
 _DESCRIPTION = """\
 Plays the operator side for a qdquick gateway on one machine: the cube,
-manage and plugin platforms (each on UDP and framed TCP on the same port)
-and the message server (framed TCP).  Start it with no option for the
+manage and plugin platforms (each on UDP and framed TCP on the same port),
+the message server (framed TCP) and, when asked, the app store (HTTPS).  Start it with no option for the
 defaults below, point the gateway's platform addresses at it, and watch the
 record file.  A port of 0 picks a free port; the line "qdquick-sim ready ..."
 on standard output names the ports actually bound.
@@ -37,6 +37,9 @@ class Config:
     loid: str | None = None
     time_scale: float = 1.0
     verbose: bool = False
+    appstore_port: int | None = None
+    appstore_cert_dir: str | None = None
+    mac: str | None = None
 
 
 def _port(text: str) -> int:
@@ -68,6 +71,14 @@ def parse_args(argv: list[str] | None = None) -> Config:
                             help=f"{name} {'server' if name == 'message' else 'platform'}, {kind} (default {port})")
     parser.add_argument("--control-port", type=_port, metavar="PORT",
                         help="line-based JSON control port on 127.0.0.1 (default: off; 0 = any free port)")
+    parser.add_argument("--appstore-port", type=_port, metavar="PORT",
+                        help="app store over HTTPS (default: off; 0 = any free port)")
+    parser.add_argument("--appstore-cert-dir", metavar="DIR",
+                        help="where the app store's cert.pem (also the CA file to trust) and key.pem are made "
+                             "(default: a temporary directory removed at exit)")
+    parser.add_argument("--mac", metavar="MAC",
+                        help="device MAC; with it the app store checks the token request's username "
+                             "and the connect request's MAC")
     parser.add_argument("--script", metavar="FILE", help="JSON script of answers and commands")
     parser.add_argument("--record", metavar="FILE", help="append every message as one JSON line to FILE")
     parser.add_argument("--serial", metavar="SN",
@@ -86,4 +97,5 @@ def parse_args(argv: list[str] | None = None) -> Config:
         bind=args.bind, advertise=advertise,
         ports={name: getattr(args, f"{name}_port") for name in DEFAULT_PORTS},
         control_port=args.control_port, script_path=args.script, record_path=args.record,
-        serial=args.serial, loid=args.loid, time_scale=args.time_scale, verbose=args.verbose)
+        serial=args.serial, loid=args.loid, time_scale=args.time_scale, verbose=args.verbose,
+        appstore_port=args.appstore_port, appstore_cert_dir=args.appstore_cert_dir, mac=args.mac)

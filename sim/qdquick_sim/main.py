@@ -2,12 +2,17 @@
 
 from __future__ import annotations
 
+import os
+import shutil
 import signal
 import socket
 import sys
+import tempfile
 import threading
 from types import FrameType
 
+from .appstore import AppStoreServer
+from .certs import CertFiles, make_certificate
 from .config import Config, parse_args
 from .context import Context
 from .control import ControlServer
@@ -55,6 +60,17 @@ def bind_pair(host: str, port: int) -> tuple[socket.socket, socket.socket]:
     raise OSError(f"no port free for both TCP and UDP on {host}")
 
 
+def _print_extra(line: str) -> None:
+    """A line after the ready line, which some readers stop reading at: a
+    closed pipe then sends the rest of standard output to /dev/null."""
+    try:
+        print(line, flush=True)
+    except BrokenPipeError:
+        devnull = os.open(os.devnull, os.O_WRONLY)
+        os.dup2(devnull, sys.stdout.fileno())
+        os.close(devnull)
+
+
 class Simulator:
     def __init__(self, config: Config, script: Script, stop: threading.Event) -> None:
         self.recorder = Recorder(config.record_path, stderr_echo(config.verbose))
@@ -62,6 +78,9 @@ class Simulator:
         self.platforms: dict[str, PlatformServer] = {}
         self.message: MessageServer | None = None
         self.control: ControlServer | None = None
+        self.appstore: AppStoreServer | None = None
+        self.cert: CertFiles | None = None
+        self._cert_tmp: str | None = None
 
     def bind(self) -> None:
         config, ctx = self.ctx.config, self.ctx
@@ -77,9 +96,24 @@ class Simulator:
         if control_sock is not None:
             ctx.ports["control"] = control_sock.getsockname()[1]
             self.control = ControlServer(ctx, control_sock, self.platforms)
+        if config.appstore_port is not None:
+            self._bind_appstore(config)
 
-    def servers(self) -> list[PlatformServer | MessageServer | ControlServer]:
-        extra = [s for s in (self.message, self.control) if s is not None]
+    def _bind_appstore(self, config: Config) -> None:
+        directory = config.appstore_cert_dir
+        if directory is None:
+            directory = self._cert_tmp = tempfile.mkdtemp(prefix="qdquick-sim-")
+        self.cert = make_certificate(directory, [config.advertise, config.bind])
+        sock = _listener(config.bind, config.appstore_port)
+        self.ctx.ports["appstore"] = sock.getsockname()[1]
+        self.appstore = AppStoreServer(self.ctx, sock, self.cert)
+
+    def cleanup(self) -> None:
+        if self._cert_tmp is not None:
+            shutil.rmtree(self._cert_tmp, ignore_errors=True)
+
+    def servers(self) -> list[PlatformServer | MessageServer | ControlServer | AppStoreServer]:
+        extra = [s for s in (self.message, self.control, self.appstore) if s is not None]
         return [*self.platforms.values(), *extra]
 
     def ready_line(self) -> str:
@@ -94,11 +128,14 @@ class Simulator:
         for server in self.servers():
             server.start()
         print(self.ready_line(), flush=True)
+        if self.cert is not None:
+            _print_extra(f"qdquick-sim appstore-ca {self.cert.cert}")
         while not self.ctx.stop.wait(0.2):
             pass
         for server in self.servers():
             server.stop()
         self.recorder.close()
+        self.cleanup()
         return 0
 
 
@@ -117,10 +154,13 @@ def main(argv: list[str] | None = None) -> int:
     except ScriptError as exc:
         print(f"qdquick-sim: bad script: {exc}", file=sys.stderr)
         return 2
+    sim: Simulator | None = None
     try:
         sim = Simulator(config, script, stop)
         sim.bind()
     except OSError as exc:
+        if sim is not None:
+            sim.cleanup()
         print(f"qdquick-sim: cannot start: {exc}", file=sys.stderr)
         return 1
     return sim.run()

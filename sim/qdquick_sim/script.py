@@ -30,8 +30,10 @@ DEFAULT_SEND_DELAY = 1.0
 _ANSWER_CONTROL_KEYS = {"delay", "action", "set", "drop", "replace", "raw"}
 _PLATFORM_KEYS = {"interval", "intervals", "register_result", "bad_checksn_result",
                   "extra", "answers", "push", "udp_send"}
-_TOP_KEYS = {"platforms", "message", "bad_checksn_result"}
+_TOP_KEYS = {"platforms", "message", "bad_checksn_result", "appstore"}
 _MESSAGE_KEYS = {"bad_result", "answers"}
+_STORE_KEYS = {"token", "answers"}
+STORE_KINDS = ("token", "getbind", "connect", "unknown", "invalid")
 
 
 class ScriptError(ValueError):
@@ -156,17 +158,34 @@ def _parse_platform(name: str, obj: Any, bad_default: int) -> PlatformScript:
     return plat
 
 
+@dataclass
+class StoreScript:
+    """The app store: a fixed token value and answers per request kind."""
+    token: str | None = None
+    answers: dict[str, list[Answer]] = field(default_factory=dict)
+
+
+def _parse_store(obj: Any) -> StoreScript:
+    _check_keys(obj, _STORE_KEYS, "appstore")
+    token = obj.get("token")
+    _need(token is None or (isinstance(token, str) and token != ""), "appstore.token", "must be a non-empty string")
+    answers = _check_keys(obj.get("answers", {}), set(STORE_KINDS), "appstore.answers")
+    return StoreScript(token, {k: parse_answer_list(v, f"appstore.answers.{k}") for k, v in answers.items()})
+
+
 class Script:
     """A parsed script; consuming answers and sends is thread-safe."""
 
     def __init__(self, platforms: dict[str, PlatformScript] | None = None,
                  message_bad_result: int = DEFAULT_BAD_PUSH_RESULT,
-                 message_answers: list[Answer] | None = None) -> None:
+                 message_answers: list[Answer] | None = None,
+                 store: StoreScript | None = None) -> None:
         self.platforms = {name: PlatformScript(register_result=DEFAULT_REGISTER_RESULT[name])
                           for name in PLATFORMS}
         self.platforms.update(platforms or {})
         self.message_bad_result = message_bad_result
         self._message_answers = list(message_answers or [])
+        self._store = store or StoreScript()
         self._lock = threading.Lock()
 
     @classmethod
@@ -183,7 +202,7 @@ class Script:
         msg = _check_keys(top.get("message", {}), _MESSAGE_KEYS, "message")
         bad_result = _integer(msg.get("bad_result", DEFAULT_BAD_PUSH_RESULT), "message.bad_result")
         answers = parse_answer_list(msg.get("answers", []), "message.answers")
-        return cls(platforms, bad_result, answers)
+        return cls(platforms, bad_result, answers, _parse_store(top.get("appstore", {})))
 
     @classmethod
     def load(cls, path: str) -> "Script":
@@ -206,6 +225,15 @@ class Script:
     def next_message_answer(self) -> Answer | None:
         with self._lock:
             return self._message_answers.pop(0) if self._message_answers else None
+
+    @property
+    def store_token(self) -> str | None:
+        return self._store.token
+
+    def next_store_answer(self, kind: str) -> Answer | None:
+        with self._lock:
+            queue = self._store.answers.get(kind)
+            return queue.pop(0) if queue else None
 
     def take_sends(self, platform: str, which: str) -> list[Send]:
         """Scripted commands fire once: the first registration takes them all."""

@@ -2,11 +2,13 @@
 // action. Ids without an action go to the host's timer event callback.
 #include "common/log.h"
 #include "common/timer.h"
+#include "jsonmsg/processjsonmsg.h"
 #include "localsvc/callbacks.h"
 
 namespace {
 
 void reboot_gateway(int) { safeSystem("reboot"); }
+void resend_manage_reply(int) { HGResendManagePlatReply(); }
 
 struct TimerAction {
     int id;
@@ -15,6 +17,7 @@ struct TimerAction {
 
 constexpr TimerAction kTimerActions[] = {
     // Session timers (9, 10, 13 to 19) join here with their modules.
+    {18, resend_manage_reply},
     {28, reboot_gateway},
 };
 

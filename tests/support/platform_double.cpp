@@ -27,6 +27,9 @@ void PlatformDouble::reset() {
     calls.clear();
     setcfg.clear();
     timer_ticks = 0;
+    stored_token.clear();
+    store_replies.clear();
+    store_requests.clear();
 }
 
 void PlatformDouble::record(const std::string &line) {
@@ -147,16 +150,21 @@ void gwd_process_timer_timeout(void) {
 }
 
 int AppSendRequestToPrivateSmartPlat(const char *request, const char *server, int port, char *reply) {
-    (void)request;
     platform().record(std::string("AppSendRequestToPrivateSmartPlat ") + (server ? server : "") + " " +
                       std::to_string(port));
+    std::lock_guard<std::mutex> lock(platform().mu);
+    platform().store_requests.push_back(request ? request : "");
     if (reply) reply[0] = '\0';
-    return -1;
+    if (platform().store_replies.empty()) return -1;
+    copy_out(reply, QDP_REPLY_SIZE, platform().store_replies.front());
+    platform().store_replies.erase(platform().store_replies.begin());
+    return 0;
 }
 
 int PlatGetStoredToken(char *out) {
     platform().record("PlatGetStoredToken");
-    if (out) out[0] = '\0';
+    std::lock_guard<std::mutex> lock(platform().mu);
+    copy_out(out, QDP_TOKEN_SIZE, platform().stored_token);
     return 0;
 }
 

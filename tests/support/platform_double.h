@@ -20,6 +20,9 @@ struct PlatformDouble {
     std::vector<std::string> calls; // "name arg arg ..." per call
     std::vector<std::string> setcfg; // "file key value"
     int timer_ticks = 0;             // gwd_process_timer_timeout calls
+    std::string stored_token;                 // PlatGetStoredToken answer
+    std::vector<std::string> store_replies;   // app store answers in order; none left: -1
+    std::vector<std::string> store_requests;  // app store request texts sent
 
     void reset();
     void record(const std::string &line);

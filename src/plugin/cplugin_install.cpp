@@ -1,0 +1,227 @@
+// HgDownLoadCpluginAndProcess: fetches a C plugin package (or takes a system
+// package from the local file system), unpacks it into the plugin directory,
+// checks its descriptor, prepares libraries, data and scratch directories,
+// reports each step through HgSetCpluginStatus and starts the plugin when
+// asked. Every value that reaches a command is checked or quoted first.
+#include <cstring>
+#include <exception>
+#include <string>
+
+#include "common/log.h"
+#include "common/paths.h"
+#include "plugin/descriptor.h"
+#include "plugin/plugin_log.h"
+#include "plugin/plugin_paths.h"
+#include "plugin/shellsafe.h"
+
+namespace {
+
+using namespace qdq::plugin;
+
+template <std::size_t N>
+void terminate(char (&field)[N]) {
+    field[N - 1] = '\0';
+}
+
+class Install {
+public:
+    explicit Install(const cplugininstinfo &request) : rec_(request) {
+        // The host's record may not be terminated; the copy always is.
+        terminate(rec_.name);
+        terminate(rec_.version);
+        terminate(rec_.url);
+        terminate(rec_.type);
+        terminate(rec_.right);
+        terminate(rec_.visibility);
+        terminate(rec_.architecture);
+        terminate(rec_.kernelversion);
+        terminate(rec_.entryfile);
+        terminate(rec_.provides);
+        terminate(rec_.description);
+        terminate(rec_.upgradeid);
+        system_ = std::strstr(rec_.url, "sys_cplugin") != nullptr;
+    }
+
+    void run() {
+        if (!request_ok()) return failed();
+        shortname_ = short_name(rec_.name);
+        QDQ_LOG("###tmppluginname :%s", shortname_.c_str());
+        std::string root = qdq::path(kPluginRoot);
+        if (!dir_exists(root)) {
+            QDQ_LOG("Open dir error..., create");
+            run_logged("cmdbuf:", "mkdir " + sq(root));
+        }
+        dir_ = plugin_dir(shortname_);
+        run_logged("cmdbuf:", "mkdir -p " + sq(dir_));
+        if (!(system_ ? unpack_system_package() : download_and_unpack())) return;
+        link_libraries();
+        if (!read_descriptor_file() || !descriptor_ok()) return failed();
+        if (HgAddCpluginToList(&rec_) != 0) return;
+        status("Installed");
+        prepare_data_dir();
+        prepare_temp_dirs(shortname_, "ln -s");
+        if (rec_.runflag != 0 && !system_) start();
+    }
+
+    void failed() { status("install_failed"); }
+
+private:
+    void status(const char *text) { HgSetCpluginStatus(rec_.name, rec_.version, text, rec_.upgradeid); }
+
+    // Names, versions and URLs come from the platform; nothing runs unless
+    // every one of them is a plain word (or a URL that quotes safely).
+    bool request_ok() {
+        const char *bad = nullptr;
+        if (!is_plain(rec_.name, false) || !is_plain(short_name(rec_.name).c_str(), false))
+            bad = "name";
+        else if (rec_.version[0] != '\0' && !is_plain(rec_.version, false))
+            bad = "version";
+        else if (system_ ? !is_plain(rec_.url, true) : !is_safe_url(rec_.url))
+            bad = "url";
+        if (bad != nullptr) QDQ_LOG("HgDownLoadCpluginAndProcess: refused request, unsafe %s", bad);
+        return bad == nullptr;
+    }
+
+    // The descriptor comes from the package: its version and entry file are
+    // held to the same rule before anything is started from them.
+    bool descriptor_ok() {
+        const char *bad = nullptr;
+        if (rec_.version[0] != '\0' && !is_plain(rec_.version, false))
+            bad = "version";
+        else if (rec_.entryfile[0] != '\0' && !is_plain(rec_.entryfile, true))
+            bad = "entry file";
+        if (bad != nullptr) QDQ_LOG("HgDownLoadCpluginAndProcess: refused descriptor, unsafe %s", bad);
+        return bad == nullptr;
+    }
+
+    // The text after the last '/', or false (logged, install_failed).
+    bool file_name(std::string &out) {
+        const char *slash = std::strrchr(rec_.url, '/');
+        if (slash == nullptr || slash[1] == '\0') {
+            QDQ_LOG("don't find tar filename");
+            failed();
+            return false;
+        }
+        out = slash + 1;
+        QDQ_LOG("tar name %s", out.c_str());
+        return true;
+    }
+
+    bool untar(const char *flags, const std::string &archive) {
+        int rc = run_logged("cmdbuf:", std::string("tar ") + flags + " " + sq(archive) + " -C " + sq(dir_));
+        QDQ_LOG("tar system return:%d", rc);
+        if (rc == 0) return true;
+        QDQ_LOG("app untar failed!");
+        failed();
+        return false;
+    }
+
+    bool unpack_system_package() {
+        std::string name;
+        return file_name(name) && untar("-zxvf", qdq::path(rec_.url));
+    }
+
+    void remove_packages() {
+        run_logged("rm cmd:", "rm " + sq(dir_) + "*.cpk");
+        run_logged("rm cmd:", "rm " + sq(dir_) + "*.tar");
+    }
+
+    bool download_and_unpack() {
+        remove_packages();
+        int rc = run_logged("download cmd:", "wget -P " + sq(dir_) + " " + sq(rec_.url));
+        QDQ_LOG("download system return:%d", rc);
+        if (rc != 0) {
+            QDQ_LOG("download cplugin failed!");
+            status("X_BROADCOM_COM_DnldFailed");
+            HgDelCplugin(rec_.name, rec_.version);
+            return false;
+        }
+        QDQ_LOG("download cplugin success!");
+        status("Installing");
+        std::string file;
+        if (!file_name(file)) return false;
+        if (std::strstr(rec_.url, "tar") != nullptr) {
+            // A plain tar wraps the real package, named <stem>__QD__.cpk.
+            if (!untar("-xvf", dir_ + file)) return false;
+            std::size_t at = file.find(".tar");
+            if (at != std::string::npos) {
+                file = file.substr(0, at) + "__QD__.cpk";
+                QDQ_LOG("taroldname:%s", file.c_str());
+            }
+        }
+        if (!untar("-zxvf", dir_ + file)) return false;
+        remove_packages();
+        return true;
+    }
+
+    // Every library of the plugin is linked by name into the common directory.
+    void link_libraries() {
+        std::string libdir = dir_ + "MyPlugin/Lib/";
+        if (!dir_exists(libdir)) return;
+        QDQ_LOG("libdir:%s", libdir.c_str());
+        std::string common = qdq::path(kCommonLib);
+        if (!dir_exists(common)) run_logged("cmdbuf:", "mkdir " + sq(common));
+        run_logged("cmdbuf:", "ln -sf " + sq(libdir) + "* " + sq(common));
+    }
+
+    bool read_descriptor_file() {
+        std::string file = dir_ + "Info.plugin";
+        std::FILE *in = std::fopen(file.c_str(), "re");
+        if (in == nullptr) {
+            // Read directly rather than through "cat": no shell, and a package
+            // without a descriptor is refused instead of passing unchecked.
+            QDQ_LOG("%s failed", ("cat " + file).c_str());
+            return false;
+        }
+        DescResult r = read_descriptor(in, rec_);
+        std::fclose(in);
+        return r == DescResult::Ok;
+    }
+
+    void prepare_data_dir() {
+        std::string data = dir_ + "Data";
+        if (dir_exists(data)) {
+            QDQ_LOG("data dir is already create");
+            return;
+        }
+        run_logged("cmdbuf:", "mkdir " + sq(data));
+        if (std::strstr(rec_.name, "b01") != nullptr) {
+            QDQ_LOG("b01, copy myplugin to data");
+            run_logged("cmdbuf:", "cp " + sq(dir_ + "MyPlugin/") + "* " + sq(dir_ + "Data/"));
+        }
+    }
+
+    void start() {
+        // Only plugins of Right "user" are held to their limits; the
+        // others are trusted and run unlimited.
+        if (std::strcmp(rec_.right, "user") != 0) rec_.cpu = rec_.virtualram = rec_.socket = -1;
+        int rc =
+            HgCPluginRun(rec_.name, rec_.version, rec_.type, rec_.entryfile, rec_.cpu, rec_.virtualram, rec_.socket);
+        if (rc != 0) {
+            HgSavePluginProcessLog("Run C Plugin failed, name:%s, version:%s, status:Idle", rec_.name, rec_.version);
+            return;
+        }
+        status("Active");
+        HgSavePluginProcessLog("Run C Plugin success, name:%s, version:%s, status:Active", rec_.name, rec_.version);
+    }
+
+    cplugininstinfo rec_;
+    bool system_ = false;
+    std::string shortname_;
+    std::string dir_;  // the plugin directory, rooted, with a trailing '/'
+};
+
+}  // namespace
+
+extern "C" QDQ_API void *HgDownLoadCpluginAndProcess(void *record) {
+    if (record == nullptr) return nullptr;
+    // The thread works on its own copy: the starter's record may go away.
+    Install install(*static_cast<const cplugininstinfo *>(record));
+    try {
+        install.run();
+    } catch (const std::exception &e) {
+        QDQ_LOG("HgDownLoadCpluginAndProcess: %s", e.what());
+        install.failed();
+    }
+    return nullptr;
+}

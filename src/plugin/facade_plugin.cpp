@@ -1,0 +1,35 @@
+// The runtime-neutral plugin entry points behind the platform's plugin
+// commands. Install, removal and control of a plugin by command answer
+// success without acting in this build; C plugins are installed by the host
+// through HgDownLoadCpluginAndProcess.
+#include <cjson/cJSON.h>
+
+#include "common/log.h"
+
+extern "C" {
+
+QDQ_API int HgInstallPlugin(int, const char *, const char *, const char *, int, const char *) { return 0; }
+QDQ_API int HgUnInstallPlugin(const char *, const char *) { return 0; }
+QDQ_API int HgQueryPluginInstallProgress(const char *, const char *) { return 0; }
+QDQ_API int HgPluginInstallCancel(const char *, const char *) { return 0; }
+QDQ_API int HgPluginRun(const char *, const char *) { return 0; }
+QDQ_API int HgPluginStop(const char *, const char *) { return 0; }
+QDQ_API int HgFactoryPlugin(const char *, const char *) { return 0; }
+QDQ_API int HgSetPluginParameterValues(const char *, const char *, const char *) { return 0; }
+QDQ_API void HGCleanPreInstallPlugin(void) {}
+
+// Adds "Plugin": the OSGi and C plugin lists, both empty here.
+QDQ_API int HgListPlugin(struct cJSON *object) {
+    if (object == nullptr) return -1;
+    cJSON *list = cJSON_CreateArray();
+    if (list == nullptr) return -1;
+    HgGetOsgiPlugin(list);
+    HgGetCPlugin(list);
+    if (!cJSON_AddItemToObject(object, "Plugin", list)) {
+        cJSON_Delete(list);
+        return -1;
+    }
+    return 0;
+}
+
+}  // extern "C"

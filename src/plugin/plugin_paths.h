@@ -1,0 +1,32 @@
+// Where C plugins live, and the steps that the installer and the starter
+// share. Paths here are system paths; qdq::path() is applied where they are
+// used.
+#pragma once
+
+#include <string>
+
+namespace qdq::plugin {
+
+inline constexpr const char *kPluginRoot = "/qdconf/CPlugin/";
+inline constexpr const char *kVolatileRoot = "/var/CPlugin/";
+inline constexpr const char *kCommonLib = "/qdconf/CPlugin/Lib/";
+
+// The text after the last '.' of a bundle name (the whole name without one).
+std::string short_name(const char *name);
+
+// The plugin directory "/qdconf/CPlugin/<short>/", rooted.
+std::string plugin_dir(const std::string &shortname);
+
+bool dir_exists(const std::string &rooted);
+bool path_exists(const std::string &rooted);
+
+// Runs a command after logging it behind `prefix` ("cmdbuf:"). Returns
+// the run_shell status.
+int run_logged(const char *prefix, const std::string &command);
+
+// Creates /var/CPlugin/, /var/CPlugin/<short> and its Temp where missing and,
+// when the plugin directory has no Temp, links it to the volatile one with
+// `link_cmd` ("ln -s" or "ln -sf").
+void prepare_temp_dirs(const std::string &shortname, const char *link_cmd);
+
+}  // namespace qdq::plugin

@@ -1,0 +1,161 @@
+// Ability commands, the manage platform's signed orders, the resend of the
+// kept reply and the install-result push.
+#include <fcntl.h>
+#include <sys/socket.h>
+
+#include <vector>
+
+#include "dispatch_helpers.h"
+#include "jsonmsg/plugin_push.h"
+#include "jsonmsg/processjsonmsg.h"
+
+using dt::armed;
+using dt::run;
+
+namespace {
+
+std::string b64(const std::string &text) { return qdq::CText(base64_encode(text.c_str())).get(); }
+std::string md5(const std::string &text) {
+    char out[33];
+    getmd5(text.c_str(), out);
+    return out;
+}
+
+std::vector<std::string> g_seen;  // what the host callbacks were given
+void host_ability(cJSON *cmd, int *type) {
+    g_seen.push_back(std::to_string(*type) + " " + qdq::CText(cJSON_PrintUnformatted(cmd)).get());
+    cJSON_AddStringToObject(cmd, "Answer", "42");
+}
+void host_distri(int type, platinfo *rec) {
+    g_seen.push_back(std::to_string(type) + (rec == &cubeplatinfo ? " cube " : " manage ") + rec->MgtURL);
+}
+
+struct Orders : dt::Dispatch {
+    void SetUp() override {
+        dt::Dispatch::SetUp();
+        g_seen.clear();
+        quickevcb.ability = host_ability, quickevcb.platdistri = host_distri;
+        snprintf(deviceinfo.devsn, sizeof deviceinfo.devsn, "SN123"), snprintf(manageplatinfo.devrnd, 36, "OLDRND");
+    }
+    static std::string order(const char *method, const std::string &key, const char *extra = "") {
+        return std::string("{\"RPCMethod\":\"") + method + "\",\"Key\":\"" + key +
+               "\",\"ServerAddr\":\"10.1.1.1\",\"ServerPort\":\"9001\",\"ID\":5" + extra + "}";
+    }
+};
+
+TEST_F(Orders, AbilityReachesTheHostAndComesBackEncoded) {
+    const std::string inner = R"({"CmdType":"GetWifi","Band":2})";
+    dt::Reply r = run(R"({"RPCMethod":"Post1","ID":9,"Plugin_Name":"x","Version":"1","Parameter":")" + b64(inner) + "\"}", 3);
+    ASSERT_EQ(g_seen, std::vector<std::string>{"3 " + inner});
+    qdq::CText back(base64_decode(cJSON_GetStringValue(r.get("return_Parameter"))));
+    qdq::JsonPtr got(cJSON_Parse(back.get())), want(cJSON_Parse(R"({"CmdType":"GetWifi","Band":2,"Answer":"42"})"));
+    EXPECT_TRUE(cJSON_Compare(got.get(), want.get(), true));
+    cJSON_DeleteItemFromObject(r.json.get(), "return_Parameter");
+    EXPECT_EQ(qdq::CText(cJSON_PrintUnformatted(r.json.get())).get(), std::string(R"({"ID":9,"Result":0})"));
+
+    // 10220 Base64 characters are taken, 10221 refused; so are bad parameters.
+    std::string limit = b64(R"({"CmdType":"T","p":")" + std::string(7643, 'x') + "\"}");
+    ASSERT_EQ(limit.size(), 10220u);
+    EXPECT_EQ(run(R"({"RPCMethod":"Post","Parameter":")" + limit + "\"}", 2).result(), 0);
+    for (const std::string &p : {limit + "=", std::string(), std::string("abc"), b64("not json"),
+                                 b64(R"({"CmdType":""})"), b64(R"({"CmdType":1})"), b64(R"(["CmdType"])")})
+        EXPECT_EQ(run(R"({"RPCMethod":"Post","ID":1,"Parameter":")" + p + "\"}", 5).text, "{\n\t\"Result\":\t-1\n}");
+    EXPECT_EQ(g_seen.size(), 2u);
+}
+
+TEST_F(Orders, RequestPluginKeyRotationRepeatAndBusy) {
+    const std::string key = md5("OLDRNDSN123");
+    dt::Reply r = run(order("RequestPlug-in", key), 2);
+    const std::string rnd = manageplatinfo.devrnd;
+    EXPECT_EQ(r.text, "{\n\t\"ID\":\t5,\n\t\"Result\":\t0,\n\t\"DevRND\":\t\"" + rnd + "\"\n}");
+    EXPECT_EQ(rnd.size(), 32u);
+    EXPECT_EQ(std::string(pluginplatinfo.MgtURL) + ":" + std::to_string(pluginplatinfo.port), "10.1.1.1:9001");
+    EXPECT_EQ(std::vector<int>({srvreplyflag, armed(18), manageplatinfo.nexttimer}), std::vector<int>({1, 5, 10}));
+    EXPECT_EQ(platreplybuf, r.text);
+
+    // Busy, then (after the ack) repeated: success with the same random, no action.
+    pluginplatinfo.MgtURL[0] = '\0';
+    for (const char *ack : {"{}", R"({"Result":1})"}) {
+        run(ack, 2);
+        EXPECT_EQ(run(order("RequestPlug-in", key), 2).text, r.text);
+        EXPECT_STREQ(pluginplatinfo.MgtURL, "");
+    }
+    EXPECT_EQ(armed(10), 1);  // the ack started the plugin connect
+
+    // The old random no longer signs, nor does a lower-case key; the new one does.
+    std::string lower = md5(rnd + "SN123");
+    for (char &ch : lower) ch = static_cast<char>(tolower(ch));
+    for (const std::string &k : {key, lower, std::string()}) {
+        SetUp();
+        std::snprintf(manageplatinfo.devrnd, sizeof manageplatinfo.devrnd, "%s", rnd.c_str());
+        dt::Reply no = run(k.empty() ? R"({"RPCMethod":"RequestPlug-in"})" : order("RequestPlug-in", k), 2);
+        EXPECT_EQ(no.text, k.empty() ? dt::kFailed : "{\n\t\"ID\":\t5,\n\t\"Result\":\t-1\n}");
+        EXPECT_EQ(std::vector<int>({srvreplyflag, armed(9), armed(18)}), std::vector<int>({0, 2, -1}));
+    }
+    EXPECT_EQ(run(order("RequestPlug-in", md5(rnd + "SN123")), 2).result(), 0);
+}
+
+TEST_F(Orders, RequestDistriMovesThePlatformByMode) {
+    struct { const char *mode, *host_saw; int nexttimer; } cases[] = {
+        {"", "1 cube 10.1.1.1", 8}, {",\"mode\":\"1\"", "2 manage 10.1.1.1", 9}, {",\"mode\":2", "2 cube 10.1.1.1", 9}};
+    for (const auto &c : cases) {
+        SetUp();
+        dt::Reply r = run(order("RequestDistri", md5("OLDRNDSN123"), c.mode), 2);
+        EXPECT_EQ(r.text, "{\n\t\"ID\":\t5,\n\t\"Result\":\t0,\n\t\"DevRND\":\t\"" + std::string(manageplatinfo.devrnd) + "\"\n}");
+        EXPECT_EQ(g_seen, std::vector<std::string>{c.host_saw});
+        EXPECT_EQ(std::vector<int>({manageplatinfo.nexttimer, armed(18)}), std::vector<int>({c.nexttimer, 5}));
+        EXPECT_STREQ(platreplybuf, "");  // only the RequestPlug-in reply is kept
+    }
+    EXPECT_EQ(cubeplatinfo.port, 9001u);
+    EXPECT_EQ(run(order("RequestDistri", md5("OLDRNDSN123")), 2).result(), -1);  // busy
+}
+
+TEST_F(Orders, ResendOverUdpAndTcpGivesUpAfterFour) {
+    qdq::Fd plat = net::bound(SOCK_DGRAM);
+    std::snprintf(manageplatinfo.curip, sizeof manageplatinfo.curip, "127.0.0.1");
+    manageplatinfo.port = net::port_of(plat.get());
+    std::snprintf(platreplybuf, sizeof platreplybuf, "{\"Result\":0}");
+    for (int n = 1; n <= 4; ++n) {
+        AppTimerDestory(18);  // as if it had fired
+        QdTimeoutHandle(18);
+        char buf[256] = "";
+        ASSERT_TRUE(net::wait_in(plat.get()));
+        EXPECT_EQ(recv(plat.get(), buf, sizeof buf, 0), 12);
+        EXPECT_STREQ(buf, "{\"Result\":0}");
+        EXPECT_EQ(std::vector<int>({platresendnum, armed(18), armed(9)}),
+                  std::vector<int>({n % 4, n < 4 ? 60 : -1, n < 4 ? -1 : 2}));
+    }
+    EXPECT_STREQ(platreplybuf, "");
+
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    qdq::Fd near(pair[0]), far(pair[1]);
+    manageplatinfo.tcpflag = 1, manageplatinfo.socketfd = near.get(), platreplybuf[0] = '{', platreplybuf[1] = '}';
+    HGResendManagePlatReply();
+    EXPECT_EQ(net::read_n(far.get(), 6), net::frame("{}"));
+    EXPECT_NE(fcntl(near.get(), F_GETFD), -1);  // the channel's socket stays open
+    run(R"({"Result":1})", 2);
+    EXPECT_EQ(std::vector<int>({platresendnum, armed(18)}), std::vector<int>({0, -1}));
+}
+
+TEST_F(Orders, InstallResultPushMessage) {
+    const std::pair<int, const char *> cases[] = {{9, "1 V 2"}, {9010, "1 V 2"}, {9016, "1 V 2"}, {-2, "1 V 4"},
+                                                  {-3, "1 V 1"}, {1, "1 V 5"}, {0, "0 V "}};
+    std::vector<std::string> want;
+    for (const auto &c : cases) {
+        auto *rec = static_cast<pluginpushresult *>(calloc(1, sizeof(pluginpushresult)));
+        *rec = {c.first, "V", "UP1", "plug"};
+        HgProcessPlugPush(rec);
+        want.push_back(std::string("HgPushUpgradeMessage 0 ") + c.second + " UP1 plug");
+    }
+    // Fields without a terminator are cut to the message's sizes.
+    auto *full = static_cast<pluginpushresult *>(malloc(sizeof(pluginpushresult)));
+    memset(full, 'z', sizeof *full);
+    full->result = -3;
+    HgProcessPlugPush(full);
+    want.push_back("HgPushUpgradeMessage 0 1 " + std::string(31, 'z') + " 1 " + std::string(63, 'z') + " " + std::string(63, 'z'));
+    HgProcessPlugPush(calloc(1, sizeof(pluginpushresult)));  // no upgrade id: no push
+    EXPECT_EQ(qdq_test::platform().calls_named("HgPushUpgradeMessage"), want);
+}
+
+}  // namespace

@@ -1,0 +1,140 @@
+// The dispatcher's routing: platform replies, bad texts, pre-routing, the
+// job manager, the command table and hostile commands.
+#include <algorithm>
+#include <thread>
+
+#include "common/clock.h"
+#include "dispatch_helpers.h"
+
+using dt::armed;
+using dt::run;
+
+namespace {
+
+using Routes = dt::Dispatch;
+using dt::kFailed;
+
+TEST_F(Routes, ManagePlatformRepliesAckAndHeartbeat) {
+    struct { const char *msg; int flag, nexttimer, t9, t10, t13, t18, flag_after; } cases[] = {
+        {R"({"Result":1})", 1, 10, -1, 1, -1, -1, 0},  // ack: start the pending timer
+        {R"({"Result":1})", 0, 10, -1, -1, -1, -1, 0}, // nothing was pending
+        {R"({"Result":-1})", 1, 10, 1, -1, -1, -1, 0}, // refused: reconnect manage
+        {R"({"Result":2})", 1, 10, -1, -1, -1, 5, 1},  // dropped
+        {R"({"Result":0,"Interval":7,"RPCMethod":"Install"})", 1, 0, -1, -1, 7, 5, 1},  // heartbeat
+        {R"({"Result":-3})", 0, 0, 1, -1, -1, 5, 0}, {R"({"Result":-5})", 0, 0, 1, -1, -1, 5, 0},
+    };
+    for (const auto &c : cases) {
+        SetUp();
+        srvreplyflag = c.flag, platresendnum = 3, manageplatinfo.nexttimer = static_cast<signed char>(c.nexttimer);
+        AppTimerCreate(5, 18, 0, QdTimeoutHandle);
+        dt::Reply r = run(c.msg, 2);
+        SCOPED_TRACE(c.msg);
+        EXPECT_EQ(r.ret, 0);
+        EXPECT_EQ(r.text, "");
+        EXPECT_EQ(std::vector<int>({armed(9), armed(10), armed(13), armed(18)}), std::vector<int>({c.t9, c.t10, c.t13, c.t18}));
+        EXPECT_EQ(srvreplyflag, c.flag_after);
+        EXPECT_EQ(platresendnum, c.t18 < 0 ? 0 : 3);
+    }
+    // The plugin platform's replies are silent; from elsewhere "Result" is ignored.
+    EXPECT_EQ(run(R"({"Result":1,"RPCMethod":"UnInstall","Plugin_Name":"a","Version":"1"})", 3).ret, 0);
+    EXPECT_EQ(run(R"({"Result":7,"RPCMethod":"Disconnect"})", 5).result(), 0);
+}
+
+TEST_F(Routes, TableMethodsAnswerAndEchoTheRest) {
+    const std::string nv = R"(,"Plugin_Name":"p","Version":"1"})";
+    const std::string nas = R"(,"Plugin_Name":"com.brevanta.varnelo.smartgateway.nas","Version":"1"})";
+    const std::string samba = R"(,"Plugin_Name":"com.brevanta.varnelo.smartgateway.samba","Version":"1"})";
+    struct { int type; std::string msg, expect; } cases[] = {
+        {3, R"({"RPCMethod":"Disconnect","ID":1})", R"({"ID":1,"Result":0})"},
+        {3, R"({"RPCMethod":"Install","ID":1,"Download_url":"u","Plugin_size":9,"OS":5,"upgrade_ID":"U")" + nv, R"({"ID":1,"Result":0})"},
+        {3, R"({"RPCMethod":"Install","Download_url":"u","OS":3)" + nv, R"({"Result":-7})"},
+        {4, R"({"RPCMethod":"Install_query")" + nv, R"({"Result":0})"},
+        {4, R"({"RPCMethod":"Install_cancel","x":[])" + nv, R"({"x":[],"Result":0})"},
+        {3, R"({"RPCMethod":"UnInstall")" + nv, R"({"Result":0})"}, {3, R"({"RPCMethod":"Stop")" + nv, R"({"Result":0})"},
+        {3, R"({"RPCMethod":"UnInstall")" + nas, R"({"Result":-14})"}, {3, R"({"RPCMethod":"Stop")" + samba, R"({"Result":-14})"},
+        {3, R"({"RPCMethod":"Run")" + nv, R"({"Result":0})"}, {5, R"({"RPCMethod":"FactoryPlugin")" + nv, R"({"Result":0})"},
+        {3, R"({"RPCMethod":"ListPlugin")" + nv, R"({"Plugin_Name":"p","Version":"1","Plugin":[],"Result":0})"},
+        // a needed key missing or of the wrong type: refused whole
+        {3, R"({"RPCMethod":"UnInstall","Version":"1","ID":2})", R"({"Result":-1})"}, {3, R"({"RPCMethod":"Stop","Plugin_Name":7,"Version":"1"})", R"({"Result":-1})"},
+        {3, R"({"RPCMethod":"Install","OS":0)" + nv, R"({"Result":-1})"},
+        // no handler: echoed whole
+        {3, R"({"RPCMethod":"Reboot","ID":3})", ""}, {2, R"({"RPCMethod":"Install","ID":3})", ""},
+        {2, R"({"RPCMethod":"EVENT_INFOR","Event":"e"})", ""}, {3, R"({"RPCMethod":"EVENT_INFOR","Event":"e"})", ""},
+    };
+    for (const auto &c : cases) {
+        dt::Reply r = run(c.msg, c.type);
+        qdq::JsonPtr want(cJSON_Parse((c.expect.empty() ? c.msg : c.expect).c_str()));
+        EXPECT_TRUE(cJSON_Compare(r.json.get(), want.get(), true)) << c.msg << " -> " << r.text;
+        EXPECT_EQ(r.ret, static_cast<int>(r.text.size()) + 1);
+    }
+    qdq::sleep_for(6);
+    EXPECT_FALSE(net::logged(qdq::kLogMain, "HgProcessPlugPush start"));  // no push thread for OS 3
+}
+
+TEST_F(Routes, LocalEventIsPushedOnItsOwnThread) {
+    qdq::Fd server = net::bound(SOCK_STREAM, true);
+    std::snprintf(messageserver.addr, sizeof messageserver.addr, "127.0.0.1");
+    messageserver.port = net::port_of(server.get());
+    manageplatinfo.regflag = 1;
+    EXPECT_EQ(run(R"({"RPCMethod":"EVENT_INFOR","Event":"door open"})", 5).text, "{\n\t\"Result\":\t0\n}");
+    ASSERT_TRUE(net::wait_in(server.get()));  // the push thread connects
+    qdq::Fd conn(accept(server.get(), nullptr, nullptr));
+    EXPECT_TRUE(net::logged(qdq::kLogPush, "send:door open"));
+}
+
+// One test owns the job manager's port, so parallel test processes never
+// race for it.
+TEST_F(Routes, JobManagerForwardingAndSilence) {
+    qdq::Fd jm(socket(AF_INET, SOCK_DGRAM, 0));
+    sockaddr_in a{};
+    qdq::ipv4_address("127.0.0.1", 17401, a);
+    ASSERT_EQ(bind(jm.get(), (sockaddr *)&a, sizeof a), 0) << "port 17401 busy";
+    const std::string answer(5000, 'j');
+    struct { const char *msg; int type; bool forwarded; } cases[] = {
+        {R"({"RPCMethod":"SetPlug-inParameterValues","Plugin_Name":"p","Version":"1","Parameter":"x"})", 3, true},
+        {R"({"RPCMethod":"SetPlug-inParameterValues"})", 2, true},
+        {R"({"RPCMethod":"SetPlug-inParameterValues","Parameter":"x"})", 5, false},  // ability, refused
+    };
+    for (const auto &c : cases) {
+        std::string got;
+        std::thread server([&] {
+            char buf[2048];
+            sockaddr_in from{};
+            socklen_t len = sizeof from;
+            if (!net::wait_in(jm.get(), c.forwarded ? 5000 : 300)) return;
+            got.assign(buf, size_t(std::max<ssize_t>(0, recvfrom(jm.get(), buf, sizeof buf, 0, (sockaddr *)&from, &len))));
+            sendto(jm.get(), answer.data(), answer.size(), 0, (sockaddr *)&from, len);
+        });
+        dt::Reply r = run(c.msg, c.type);
+        server.join();
+        EXPECT_EQ(got, c.forwarded ? c.msg : "");
+        EXPECT_EQ(r.text == answer, c.forwarded);
+        EXPECT_EQ(r.ret, c.forwarded ? 5000 : static_cast<int>(r.text.size()) + 1);
+    }
+    EXPECT_EQ(run(R"({"RPCMethod":"SetPlug-inParameterValues"})", 3).result(), -100);  // nobody answers
+}
+
+TEST_F(Routes, UnusableAndHostileCommandsNeverCrash) {
+    const std::string huge(200000, 'A');
+    const std::string values[] = {"1", "-1e300", "[]", "{}", "null", "true", "\"\"", "\"" + huge + "\"",
+                                  std::string(900, '[') + std::string(900, ']')};
+    for (int type : {2, 3, 5})
+        for (const char *m : {"Install", "UnInstall", "Stop", "Run", "ListPlugin", "Post1", "RequestPlug-in",
+                              "RequestDistri", "EVENT_INFOR", "Disconnect", "FactoryPlugin"})
+            for (const char *k : {"Plugin_Name", "Version", "Download_url", "Plugin_size", "OS", "upgrade_ID",
+                                  "Parameter", "Key", "ServerAddr", "ServerPort", "mode", "Event", "Result", "Plugin"})
+                for (const std::string &v : values) {
+                    dt::Reply r = run(std::string("{\"RPCMethod\":\"") + m + "\",\"" + k + "\":" + v + "}", type);
+                    EXPECT_TRUE(r.ret <= 0 || cJSON_IsObject(r.json.get())) << m << " " << k;
+                }
+    // Unusable texts: missing, not JSON, too deep, no or an empty RPCMethod.
+    EXPECT_EQ(run("", 3, true).text, kFailed);
+    for (const std::string &msg : std::vector<std::string>{"", "{", "[1,2]", "7", "{}", R"({"RPCMethod":""})", R"({"RPCMethod":5})", std::string(100000, '[')}) {
+        dt::Reply r = run(msg, 3);
+        EXPECT_EQ(r.text, kFailed) << msg.substr(0, 20);
+        EXPECT_EQ(r.ret, static_cast<int>(kFailed.size()) + 1);
+    }
+    EXPECT_EQ(run("{\"RPCMethod\":\"" + huge + "\"}", 3).text.size(), huge.size() + 20);  // echoed
+}
+
+}  // namespace

@@ -1,0 +1,291 @@
+// C plugins end to end: real packages fetched with wget from a loopback
+// server and unpacked with tar, the reported status sequence, starts and
+// stops with fake privileged tools (first on PATH, recording their command
+// lines), refused injection attempts, and the install-result push check.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "net_helpers.h"
+#include "platform_double.h"
+#include "qdquick/qdquick.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+std::string in_root(const std::string &p) { return qdq_test::in_root(p); }
+void sh(const std::string &command) { EXPECT_EQ(system(command.c_str()), 0) << command; }
+bool exists(const std::string &file) { return access(file.c_str(), F_OK) == 0; }
+std::string tools() { return in_root("/tmp/tools.log"); }  // the fakes' record
+std::string main_log() { return in_root("/var/shrcadlog.txt"); }
+
+// Lines of `file` holding `needle`, waiting up to 5 s for `want` of them.
+Lines grep(const std::string &file, const std::string &needle = "", size_t want = 0) {
+    Lines hits;
+    for (int i = 0; i < 500 && (i == 0 || hits.size() < want); ++i, usleep(10000)) {
+        hits.clear();
+        std::istringstream in(qdq_test::read_file(file));
+        for (std::string l; std::getline(in, l);)
+            if (l.find(needle) != std::string::npos) hits.push_back(l);
+    }
+    return hits;
+}
+
+Lines statuses(const std::string &name) {
+    Lines out;
+    for (const auto &l : grep(main_log(), "HgSetCpluginStatus name:" + name + " "))
+        out.push_back(l.substr(l.rfind(':') + 1));
+    return out;
+}
+
+// Serves the files of root/srv by request path (query ignored).
+class HttpServer {
+public:
+    HttpServer() : fd_(net::bound(SOCK_STREAM, true)), thread_([this] { serve(); }) {}
+    ~HttpServer() {
+        stop_ = true;
+        thread_.join();
+    }
+    std::string url(const std::string &file) const {
+        return "http://127.0.0.1:" + std::to_string(net::port_of(fd_.get())) + "/" + file;
+    }
+
+private:
+    void serve() {
+        for (pollfd p{fd_.get(), POLLIN, 0}; !stop_;) {
+            if (poll(&p, 1, 50) != 1) continue;
+            qdq::Fd c(accept(fd_.get(), nullptr, nullptr));
+            char buf[4096];  // request line and headers come in one segment on loopback
+            ssize_t n = net::wait_in(c.get()) ? recv(c.get(), buf, sizeof buf, 0) : 0;
+            std::string req(buf, size_t(std::max<ssize_t>(n, 0)));
+            std::string file = req.size() > 5 ? in_root("/srv/") + req.substr(5, req.find_first_of(" ?", 5) - 5) : "";
+            std::string body = qdq_test::read_file(file), head = exists(file) ? "200 OK" : "404 Not Found";
+            std::string reply =
+                "HTTP/1.0 " + head + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+            if (send(c.get(), reply.data(), reply.size(), MSG_NOSIGNAL) < 0) continue;
+        }
+    }
+    qdq::Fd fd_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+// A package with a descriptor (none when empty), MyPlugin/prog and a library.
+void build_cpk(const std::string &out, const std::string &info, const std::string &prog = "#!/bin/sh\n") {
+    std::string stage = in_root("/stage");
+    sh("rm -rf '" + stage + "' && mkdir -p '" + stage + "/MyPlugin/Lib' '" + in_root("/srv/w") + "'");
+    if (!info.empty()) qdq_test::write_file(stage + "/Info.plugin", info);
+    qdq_test::write_file(stage + "/MyPlugin/prog", prog);
+    qdq_test::write_file(stage + "/MyPlugin/Lib/libplug.so", "lib");
+    sh("tar -czf '" + out + "' -C '" + stage + "' .");
+}
+
+std::string info(const std::string &name, const std::string &version, const std::string &extra = "") {
+    return "Name: " + name + "\nVersion: " + version + "\nKernelVersion: 9\nType: app\nEntryFile: MyPlugin/prog\n" +
+           extra;
+}
+
+Lines install(const std::string &name, const std::string &version, const std::string &url) {
+    cplugininstinfo r{};
+    snprintf(r.name, sizeof r.name, "%s", name.c_str());
+    snprintf(r.version, sizeof r.version, "%s", version.c_str());
+    snprintf(r.url, sizeof r.url, "%s", url.c_str());
+    r.runflag = 1;
+    EXPECT_EQ(HgDownLoadCpluginAndProcess(&r), nullptr);
+    return statuses(name);
+}
+
+class CPlugin : public ::testing::Test {
+protected:
+    void SetUp() override {
+        static const bool fakes = [] {
+            sh("mkdir -p '" + in_root("/fakebin") + "'");
+            for (std::string tool : {"adduser", "chown", "setuidgid", "cpulimit", "insmod", "rmmod", "killall"}) {
+                qdq_test::write_file(in_root("/fakebin/" + tool),
+                                     "#!/bin/sh\necho \"" + tool + " $*\" >> '" + tools() + "'\n");
+                chmod(in_root("/fakebin/" + tool).c_str(), 0755);
+            }
+            unsetenv("http_proxy");
+            return setenv("PATH", (in_root("/fakebin:") + getenv("PATH")).c_str(), 1) == 0;
+        }();
+        ASSERT_TRUE(fakes);
+        unlink(tools().c_str());
+        qdq_test::platform().reset();
+    }
+    HttpServer server;
+};
+
+TEST_F(CPlugin, PackagesAndDescriptorRules) {
+    const std::string sys = "/opt/sys_cplugin/sys.cpk";
+    sh("mkdir -p '" + in_root("/opt/sys_cplugin") + "'");
+    const Lines ok = {"Installing", "Installed", "Active"}, bad = {"Installing", "install_failed"};
+    struct {
+        std::string name, version, url, package, descriptor;
+        Lines want;
+    } cases[] = {
+        {"com.t.plain", "1.0", "plain.cpk", "/srv/plain.cpk", info("com.t.plain", "1.0"), ok},
+        {"com.t.wrap", "1.0", "wrap.tar", "/srv/w/wrap__QD__.cpk", info("com.t.wrap", "1.0"), ok},
+        {"com.t.query", "1.0", "query.cpk?a=1&b=2", "/srv/query.cpk", info("com.t.query", "1.0"), ok},
+        {"com.t.ver", "", "ver.cpk", "/srv/ver.cpk", info("com.t.ver", "2.5"), ok},
+        {"com.t.lim", "1.0", "lim.cpk", "/srv/lim.cpk",
+         info("com.t.lim", "1.0", "Right: user\nCpu: 3\nVirtualRam: 0\nSocket: 0\n"), ok},
+        {"com.t.other", "1.0", "other.cpk", "/srv/other.cpk", info("com.t.mismatch", "1.0"), bad},
+        {"com.t.desc", "1.0", "desc.cpk", "/srv/desc.cpk", info("com.t.desc", "1.0", "Description: Nameless\n"), bad},
+        {"com.t.nodesc", "1.0", "nodesc.cpk", "/srv/nodesc.cpk", "", bad},
+        {"com.t.missing", "1.0", "missing.cpk", "", "", {"X_BROADCOM_COM_DnldFailed"}},
+        // Unpacked from the local path, never started here.
+        {"com.t.sys", "1.0", sys, sys, info("com.t.sys", "1.0"), {"Installed"}},
+    };
+    for (auto &c : cases) {
+        if (!c.package.empty()) build_cpk(in_root(c.package), c.descriptor);
+        if (c.name == "com.t.wrap")
+            sh("tar -cf '" + in_root("/srv/wrap.tar") + "' -C '" + in_root("/srv/w") + "' wrap__QD__.cpk");
+        EXPECT_EQ(install(c.name, c.version, c.url[0] == '/' ? c.url : server.url(c.url)), c.want) << c.name;
+        std::string s = c.name.substr(6), dir = in_root("/qdconf/CPlugin/" + s + "/");
+        if (c.want.size() > 2 || c.want[0] == "Installed") {
+            char target[PATH_MAX] = {0};
+            EXPECT_GT(readlink((dir + "Temp").c_str(), target, sizeof target - 1), 0) << s;
+            EXPECT_EQ(target, in_root("/var/CPlugin/" + s + "/Temp"));
+            EXPECT_TRUE(exists(dir + "Data") && exists(dir + "MyPlugin/prog") && !exists(dir + s + ".cpk")) << s;
+        }
+    }
+    EXPECT_TRUE(exists(in_root("/qdconf/CPlugin/Lib/libplug.so")));
+    EXPECT_EQ(grep(main_log(), "name:com.t.ver version:2.5 status:Active").size(), 1u);
+    // Only the plugin of Right "user" is held to its limits, as a user of its own.
+    EXPECT_EQ(grep(tools(), "cpulimit", 1), Lines{"cpulimit -e prog -b -l 1"});
+    EXPECT_EQ(grep(tools(), "adduser"), Lines{"adduser lim -DH"});
+    EXPECT_EQ(grep(tools(), "setuidgid"), Lines{"setuidgid lim ./prog"});
+    std::string logged = "Run C Plugin success, name:com.t.lim, version:1.0, status:Active";
+    EXPECT_EQ(grep(in_root("/var/pluginlog.txt"), logged).size(), 1u);
+}
+
+TEST_F(CPlugin, InjectionAttemptsRunNothing) {
+    std::string mark = in_root("/tmp/pwned");
+    build_cpk(in_root("/srv/evil.cpk"), "Name: com.t.evil\nVersion: 1\nRight: user\nType: app\nEntryFile: ../prog\n",
+              "#!/bin/sh\ntouch '" + mark + "'\n");
+    struct {
+        std::string name, version, url;
+        Lines want;
+    } cases[] = {
+        {"com.t.a;touch " + mark, "1", server.url("evil.cpk"), {"install_failed"}},
+        {"com.t.v", "1$(touch " + mark + ")", server.url("evil.cpk"), {"install_failed"}},
+        {"com.t.u", "1", server.url("`touch " + mark + "`.cpk"), {"install_failed"}},
+        {"com.t.q", "1", server.url("x'.cpk"), {"install_failed"}},
+        {"com.t.evil", "1", server.url("evil.cpk"), {"Installing", "install_failed"}},
+    };
+    for (auto &c : cases) EXPECT_EQ(install(c.name, c.version, c.url), c.want) << c.name << c.version << c.url;
+    char entry[] = "../prog";
+    EXPECT_EQ(HgCPluginRun("com.t.evil", "1", "app", entry, -1, -1, -1), -1);
+    EXPECT_EQ(ProcessCPluginStop("com.t.evil", "1", "ko", "m;true"), -1);
+    usleep(200 * 1000);
+    EXPECT_FALSE(exists(mark));
+    EXPECT_EQ(grep(tools()), Lines{});
+}
+
+TEST_F(CPlugin, LimitRulesKeepTheWorkingDirectory) {
+    char before[PATH_MAX], after[PATH_MAX];
+    ASSERT_NE(getcwd(before, sizeof before), nullptr);
+    struct {
+        int cpu, vram, sockets;
+        const char *limiter;  // cpulimit percentage, or none
+        std::string line;     // logged start line; "setuidgid" = own user
+    } cases[] = {
+        {1, -1, -1, "1", "without resource limit,cmd:./p0&"},
+        {2, -1, -1, "1", "without resource limit,cmd:./p1&"},
+        {3, -1, -1, "1", "without resource limit,cmd:./p2&"},
+        {0, 0, 0, nullptr, "with resource limit,cmd:ulimit -n 1024 -v unlimited ;setuidgid s3 ./p3&"},
+        {-1, -1, 64, nullptr, "with resource limit,cmd:ulimit -n 64 -v  ;./p4&"},
+        {8, 2048, 10, "4", "with resource limit,cmd:ulimit -n 10 -v 2048 ;setuidgid s5 ./p5&"},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        const auto &c = cases[i];
+        std::string s = "s" + std::to_string(i), p = "p" + std::to_string(i);
+        std::string dir = in_root("/qdconf/CPlugin/" + s + "/MyPlugin");
+        sh("mkdir -p '" + dir + "'");
+        qdq_test::write_file(dir + "/" + p, "#!/bin/sh\ntouch ran\n");  // made executable by the run
+        char entry[16];
+        snprintf(entry, sizeof entry, "bin/%s", p.c_str());
+        EXPECT_EQ(HgCPluginRun(("com.x." + s).c_str(), "1", "app", entry, c.cpu, c.vram, c.sockets), 0) << s;
+        EXPECT_EQ(entry, p);  // cut to its last component
+        EXPECT_EQ(grep(main_log(), c.line).size(), 1u) << s;
+        Lines limiter = c.limiter ? Lines{"cpulimit -e " + p + " -b -l " + c.limiter} : Lines{};
+        EXPECT_EQ(grep(tools(), "cpulimit -e " + p + " ", limiter.size()), limiter) << s;
+        if (c.line.find("setuidgid") != std::string::npos) {
+            EXPECT_EQ(grep(tools(), "setuidgid " + s), Lines{"setuidgid " + s + " ./" + p});
+            EXPECT_EQ(grep(tools(), "adduser " + s + " -DH").size(), 1u);
+        } else {  // the daemon's user starts it in its own directory
+            for (int w = 0; w < 500 && !exists(dir + "/ran"); ++w) usleep(10000);
+            EXPECT_TRUE(exists(dir + "/ran") && grep(tools(), " " + s).empty()) << s;
+        }
+    }
+    ASSERT_NE(getcwd(after, sizeof after), nullptr);
+    EXPECT_STREQ(after, before);
+}
+
+TEST_F(CPlugin, KernelModuleAndStopRules) {
+    std::string dir = in_root("/qdconf/CPlugin/kmod/MyPlugin");
+    sh("mkdir -p '" + dir + "'");
+    char entry[] = "drv/mod.ko";
+    EXPECT_EQ(HgCPluginRun("com.x.kmod", "1", "ko", entry, 5, -1, -1), 0);
+    EXPECT_EQ(grep(tools()), Lines{"insmod " + dir});  // the directory; a module gets no limiter
+    struct {
+        const char *type, *name, *entry;
+        Lines tools, stopped;
+    } cases[] = {
+        {"ko", "com.x.kmod", "drv/mod.ko", {"rmmod mod.ko"}, {}},
+        {"app",
+         "com.brevanta.varnelo.smartgateway.thunder",
+         "bin/th",
+         {"killall vod_httpserver"},
+         {"stoppid etm /var/stopcplugin 15"}},
+        {"app",
+         "com.brevanta.varnelo.smartgateway.b01",
+         "b",
+         {"rmmod m01_b01.ko"},
+         {"stoppid b01 /var/stopcplugin 15"}},
+        {"app", "com.x.plain", "bin/prog", {}, {"stoppid prog /var/stopcplugin 15"}},
+    };
+    for (const auto &c : cases) {
+        unlink(tools().c_str());
+        qdq_test::platform().reset();
+        EXPECT_EQ(ProcessCPluginStop(c.name, "3.1", c.type, c.entry), 0) << c.name;
+        EXPECT_EQ(grep(tools()), c.tools) << c.name;
+        EXPECT_EQ(qdq_test::platform().calls_named("stoppid"), c.stopped) << c.name;
+        std::string logged = std::string("Stop C Plugin success, name:") + c.name + ", version:3.1, status:Idle";
+        EXPECT_EQ(grep(in_root("/var/pluginlog.txt"), logged).size(), 1u);
+    }
+}
+
+TEST_F(CPlugin, PushCheckPushesFinalStatusesOnly) {
+    struct {
+        const char *status, *upgradeid, *push;  // push: "<failed> <version> <errcode> <upgrade id> <name>"
+    } cases[] = {
+        {"Installed", "U1", "0 1.0  U1 com.p.a"},
+        {"install_failed", "U2", "1 1.0 5 U2 com.p.a"},
+        {"X_BROADCOM_COM_DnldFailed", "U3", "1 1.0 2 U3 com.p.a"},
+        {"Installing", "U4", nullptr},
+        {"Installed", "", nullptr},
+        {"Installed", nullptr, nullptr},
+    };
+    Lines want, got;
+    for (const auto &c : cases) {
+        EXPECT_EQ(HgCplugPushCheck("com.p.a", "1.0", c.status, c.upgradeid) == 0, c.push != nullptr) << c.status;
+        if (c.push != nullptr) want.push_back(std::string("HgPushUpgradeMessage 0 ") + c.push);
+    }
+    for (int i = 0; i < 500 && got.size() < want.size(); ++i, usleep(10000))
+        got = qdq_test::platform().calls_named("HgPushUpgradeMessage");
+    usleep(100 * 1000);  // and nothing more arrives
+    got = qdq_test::platform().calls_named("HgPushUpgradeMessage");
+    std::sort(got.begin(), got.end());
+    std::sort(want.begin(), want.end());
+    EXPECT_EQ(got, want);
+}
+
+}  // namespace

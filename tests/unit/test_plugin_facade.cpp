@@ -1,0 +1,99 @@
+// Plugin facade: package format tests, the descriptor reader, uninstall
+// flags, the plugin list, the OSGi cache reset and the plugin process log.
+#include <cjson/cJSON.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "platform_double.h"
+#include "plugin/descriptor.h"
+#include "plugin/plugin_log.h"
+#include "qdquick/qdquick.h"
+#include "test_env.h"
+
+namespace {
+
+using qdq::plugin::DescResult;
+
+TEST(PluginFacade, FormatTests) {
+    struct {
+        const char *file;
+        int cpk, osgi;
+    } cases[] = {{"plugin.tar.cpk", 0, -1}, {"plugin.CPK", -1, -1}, {"noext", -1, -1},
+                 {"bundle.tar", -1, 0},     {"a.cpk.jar", -1, 0},   {nullptr, 0, 0}};
+    for (const auto &c : cases) {
+        EXPECT_EQ(IsCplugFormat(c.file), c.cpk) << (c.file ? c.file : "null");
+        EXPECT_EQ(IsOSGIFormat(c.file), c.osgi) << (c.file ? c.file : "null");
+    }
+}
+
+DescResult read(const std::string &text, cplugininstinfo &rec) {
+    FILE *in = fmemopen(const_cast<char *>(text.data()), text.size(), "r");
+    DescResult r = qdq::plugin::read_descriptor(in, rec);
+    fclose(in);
+    return r;
+}
+
+TEST(PluginFacade, DescriptorRules) {
+    cplugininstinfo rec{};
+    snprintf(rec.name, sizeof rec.name, "com.a.b");
+    std::string long_entry(300, 'e');
+    // KernelVersion is never a version line; "EntryFile: Typer" is a Type line
+    // (the first key word found anywhere wins); values are cut to their fields.
+    EXPECT_EQ(read("KernelVersion: 5.10.0-very-long-kernel-version-text\nName:com.a.b x\nVersion:  2.5 \n"
+                   "EntryFile: Typer\nRight: user\nCpu: 30\nVirtualRam:x\nEntryFile: " +
+                       long_entry + "\n",
+                   rec),
+              DescResult::Ok);
+    EXPECT_STREQ(rec.version, "2.5");
+    EXPECT_STREQ(rec.kernelversion, "5.10.0-very-long-kernel-version");
+    EXPECT_STREQ(rec.type, "Typer");
+    EXPECT_EQ(std::string(rec.entryfile), long_entry.substr(0, 127));
+    EXPECT_EQ(rec.cpu, 30);
+    EXPECT_EQ(rec.virtualram, 0);
+    EXPECT_EQ(read("Version: 2.6\n", rec), DescResult::VersionMismatch);
+    EXPECT_EQ(read("Description: Name is free text\n", rec), DescResult::NameMismatch);
+}
+
+TEST(PluginFacade, UninstallFlagsAndList) {
+    qdq_test::platform().reset();
+    int *flags = HgGetPluginUnistallFlag();
+    EXPECT_EQ(std::vector<int>(flags, flags + 8), std::vector<int>(8, 0));
+    auto reads = qdq_test::platform().calls_named("getcfgx");
+    ASSERT_EQ(reads.size(), 7u);
+    EXPECT_EQ(reads[2], "getcfgx /var/pluginuninstall.txt com.brevanta.varnelo.smartgateway.samba");
+
+    cJSON *obj = cJSON_Parse(R"({"Plugin_Name":"x"})");
+    EXPECT_EQ(HgListPlugin(obj), 0);
+    char *text = cJSON_PrintUnformatted(obj);
+    EXPECT_STREQ(text, R"({"Plugin_Name":"x","Plugin":[]})");
+    free(text);
+    cJSON_Delete(obj);
+}
+
+TEST(PluginFacade, OsgiFactoryResetRemovesOnlyTheBundlesData) {
+    std::string cache = qdq_test::in_root("/osgi/felix-cache/com.b");
+    ASSERT_EQ(
+        system(("mkdir -p '" + cache + "/data/y' '" + qdq_test::in_root("/tmp/osgi/bundletemp/com.b") + "'").c_str()),
+        0);
+    EXPECT_EQ(HgOsgiFactoryReset("com.b", "1"), 0);
+    EXPECT_NE(access((cache + "/data").c_str(), F_OK), 0);
+    EXPECT_NE(access(qdq_test::in_root("/tmp/osgi/bundletemp/com.b").c_str(), F_OK), 0);
+    for (const char *bad : {"../felix-cache", "a;rm -rf x", "", "-rf", static_cast<const char *>(nullptr)})
+        EXPECT_EQ(HgOsgiFactoryReset(bad, "1"), -1);
+    EXPECT_EQ(access(cache.c_str(), F_OK), 0);
+}
+
+TEST(PluginFacade, ProcessLogIsEmptiedAtOneMebibyte) {
+    std::string file = qdq_test::in_root("/var/pluginlog.txt");
+    qdq_test::write_file(file, std::string(1024 * 1024 - 1, 'x'));
+    HgSavePluginProcessLog("below %d", 1);
+    EXPECT_GT(qdq_test::read_file(file).size(), 1024u * 1024u);
+    HgSavePluginProcessLog("Stop C Plugin success, name:%s", "n");
+    std::string text = qdq_test::read_file(file);
+    EXPECT_EQ(text.substr(20), " : Stop C Plugin success, name:n\n");
+}
+
+}  // namespace
