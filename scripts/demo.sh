@@ -104,17 +104,17 @@ case "$answer" in *sample*) ;; *) ok=0 ;; esac
 
 if [ "$keep" = 1 ]; then
   pfx=""; [ "$QDQ_DEMO_INSIDE" = netns ] && pfx="nsenter -t $$ -n "
-  cli=""; [ -x build/tools/cli/qdquick-cli ] &&
-    cli="  ${pfx}env QDQUICK_ROOT=$root $top/build/tools/cli/qdquick-cli status"
+  cli=$top/build/tools/cli/qdquick-cli
   cat <<EOT
 
 The gateway keeps running. From another terminal try:
-  cat $root/var/qdquickd/status.json             # what qdquickd keeps per platform
-$cli
+  $cli status --status-file $root/var/qdquickd/status.json
+  ${pfx}$cli --tcp '{"RPCMethod":"ListPlugin","ID":"1"}'
+  ${pfx}$cli --quick '{"Cmd":"Discover"}'
+  ${pfx}$cli --udp '{"RPCMethod":"Post","Parameter":"eyJDbWRUeXBlIjoiR2V0UGxhdGZvcm1TdGF0dXMifQ=="}'
   tail -f $root/var/shrcadlog.txt                # the library's log
   tail -f $root/var/qdquickd.log                 # the daemon's log
   cat $root/qdconf/CPlugin/sample/Data/ticks     # the sample plugin counts here
-  ${pfx}/usr/bin/python3 -c 'import socket,base64;s=socket.socket(2,2);s.settimeout(3);s.sendto(base64.b64encode(b"{\"Cmd\":\"Status\"}"),("127.0.0.1",7998));print(base64.b64decode(s.recv(2048)).decode())'
 Press Ctrl-C to stop everything.
 EOT
   wait "$daemon_pid" || true
