@@ -20,12 +20,15 @@ extern char **environ;
 
 namespace bench {
 
-Child::Child(const std::vector<std::string> &argv) {
+Child::Child(const std::vector<std::string> &argv, bool captured) {
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+    if (captured)
+        posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+    else
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
     std::vector<char *> args;
     for (const std::string &a : argv) args.push_back(const_cast<char *>(a.c_str()));
     args.push_back(nullptr);

@@ -9,11 +9,12 @@
 
 namespace bench {
 
-// A program started with its standard output on a pipe; stopped (SIGTERM,
-// then SIGKILL) and reaped when destroyed.
+// A program started with its standard output on a pipe (or on /dev/null
+// when not `captured`); stopped (SIGTERM, then SIGKILL) and reaped when
+// destroyed.
 class Child {
 public:
-    explicit Child(const std::vector<std::string> &argv);
+    explicit Child(const std::vector<std::string> &argv, bool captured = true);
     ~Child();
     Child(const Child &) = delete;
     Child &operator=(const Child &) = delete;
