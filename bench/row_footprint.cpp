@@ -36,7 +36,9 @@ std::string daemon_status(const std::string &root, const char *platform) {
     return status;
 }
 
-bool registered(const std::string &status) { return status == "connected" || status == "heartbeating"; }
+bool registered(const std::string &status) {
+    return status == "connected" || status == "heartbeating" || status == "wait_heatbeat";
+}
 
 // Row 1's load (4 UDP and 4 TCP clients) for `seconds` against the two
 // ports, while the usage of `pid` is sampled: the peak of each figure.
