@@ -71,7 +71,9 @@ char *decode(const char *text, size_t *out_size) {
             // Padding shortens only the last group: this one fits whole
             // (o + 3 <= data), and the bounded copy below would cost the
             // decoder half its time.
-            std::memcpy(out + o, bytes, 3);
+            out[o] = static_cast<char>(bytes[0]);
+            out[o + 1] = static_cast<char>(bytes[1]);
+            out[o + 2] = static_cast<char>(bytes[2]);
             o += 3;
             continue;
         }
