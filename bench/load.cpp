@@ -1,8 +1,12 @@
 #include "load.h"
 
 #include <arpa/inet.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <memory>
 
 namespace bench {
@@ -70,15 +74,28 @@ Sample drive(int clients, double seconds, const std::function<Trip()> &make) {
     return {done / elapsed, percentile(all, 50), percentile(all, 99), static_cast<double>(lost)};
 }
 
+Wake::Wake() : fd_(eventfd(0, EFD_CLOEXEC)) {}
+
+void Wake::raise() const {
+    uint64_t one = 1;
+    if (write(fd_.get(), &one, sizeof one) < 0) std::abort();  // the threads would never end
+}
+
+bool Wake::wait(int fd) const {
+    pollfd p[2] = {{fd, POLLIN, 0}, {fd_.get(), POLLIN, 0}};
+    while (poll(p, 2, -1) < 0) {
+    }
+    return p[1].revents == 0;
+}
+
 UdpEcho::~UdpEcho() {
-    stop_ = true;
+    stop_.raise();
     thread_.join();
 }
 
 void UdpEcho::run() {
     char buf[2049];
-    while (!stop_) {
-        if (!readable(fd_.get(), 50)) continue;
+    while (stop_.wait(fd_.get())) {
         sockaddr_in from{};
         socklen_t len = sizeof from;
         if (recvfrom(fd_.get(), buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&from), &len) < 0) continue;
@@ -93,13 +110,12 @@ TcpEcho::TcpEcho(const std::string &reply) : reply_(frame(reply)) {
 }
 
 TcpEcho::~TcpEcho() {
-    stop_ = true;
+    stop_.raise();
     for (auto &t : threads_) t.join();
 }
 
 void TcpEcho::run() {
-    while (!stop_) {
-        if (!readable(fd_.get(), 50)) continue;
+    while (stop_.wait(fd_.get())) {
         Fd conn(accept4(fd_.get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (conn.get() < 0) continue;  // another thread took it
         uint32_t len = 0;

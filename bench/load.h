@@ -25,6 +25,19 @@ Trip tcp_client(unsigned port);  // connect, one frame each way, close
 // back for `seconds`: {round trips per second, p50 us, p99 us, lost}.
 Sample drive(int clients, double seconds, const std::function<Trip()> &make);
 
+// Stop signal of a server's threads: readable once raised, so a thread
+// sleeps in poll() without a time-out (an idle server costs no CPU time).
+class Wake {
+public:
+    Wake();
+    void raise() const;
+    // Waits until `fd` is readable (true) or the signal is raised (false).
+    bool wait(int fd) const;
+
+private:
+    Fd fd_;
+};
+
 // Bare UDP server: one thread, answers every datagram with `reply`.
 class UdpEcho {
 public:
@@ -36,7 +49,7 @@ private:
     void run();
     Fd fd_ = bound(SOCK_DGRAM);
     std::string reply_;
-    std::atomic<bool> stop_{false};
+    Wake stop_;
     std::thread thread_{[this] { run(); }};
 };
 
@@ -52,7 +65,7 @@ private:
     void run();
     Fd fd_ = bound(SOCK_STREAM | SOCK_NONBLOCK);
     std::string reply_;
-    std::atomic<bool> stop_{false};
+    Wake stop_;
     std::vector<std::thread> threads_;
 };
 
