@@ -25,7 +25,7 @@ namespace {
 void usage() {
     std::fprintf(stderr,
                  "usage: qdquick-bench [--quick] [--rows 1,2,3,4,5] [--sim PATH] [--daemon PATH]\n"
-                 "  --quick   short windows, one sample each, 3 idle seconds (a smoke run)\n");
+                 "  --quick   short windows, one sample each, 1 idle second (a smoke run)\n");
 }
 
 // A figure as one line between the row's process and the parent.
@@ -88,7 +88,7 @@ int main(int argc, char **argv) {
     for (int i = 1; i < argc; i++) {
         const bool more = i + 1 < argc;
         if (std::strcmp(argv[i], "--quick") == 0) {
-            plan = {true, 0.1, 1, 3.0};
+            plan = {true, 0.1, 1, 1.0};
         } else if (std::strcmp(argv[i], "--rows") == 0 && more) {
             rows = argv[++i];
         } else if (std::strcmp(argv[i], "--sim") == 0 && more) {

@@ -108,7 +108,7 @@ std::vector<Figure> footprint_rows(const Plan &plan, const std::string &daemon, 
     unsigned floor_udp = 0, floor_tcp = 0;
     if (std::sscanf(floor.read_line(5000).c_str(), "%u %u", &floor_udp, &floor_tcp) != 2)
         throw std::runtime_error("the floor process did not start");
-    std::this_thread::sleep_for(std::chrono::seconds(2));  // settle
+    std::this_thread::sleep_for(std::chrono::duration<double>(plan.quick ? 0.3 : 2));  // settle
 
     // Both idle side by side: one window for both.
     const Usage rest = usage_of(gateway.pid()), floor_rest = usage_of(floor.pid());
@@ -116,7 +116,7 @@ std::vector<Figure> footprint_rows(const Plan &plan, const std::string &daemon, 
     const double idle_cpu = usage_of(gateway.pid()).cpu_seconds - rest.cpu_seconds;
     const double floor_cpu = usage_of(floor.pid()).cpu_seconds - floor_rest.cpu_seconds;
 
-    const double load_seconds = plan.quick ? 0.5 : 5;
+    const double load_seconds = plan.quick ? 0.3 : 5;
     const Usage peak = peak_under_load(gateway.pid(), 18401, 18998, load_seconds);
     const Usage floor_peak = peak_under_load(floor.pid(), floor_udp, floor_tcp, load_seconds);
 
