@@ -18,8 +18,10 @@ inline double seconds_since(Clock::time_point t0) {
 // How long and how often to measure.
 struct Plan {
     bool quick = false;
-    double window = 1.0;  // seconds per sample
-    int repeats = 5;      // samples per figure; medians are reported
+    // Many short samples rather than a few long ones: on a shared machine
+    // the median then skips the bursts of other work.
+    double window = 0.5;  // seconds per sample
+    int repeats = 9;      // samples per figure; medians are reported
     double idle = 60.0;   // seconds of the idle CPU-time window (row 5)
 };
 
