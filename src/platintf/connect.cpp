@@ -4,6 +4,7 @@
 #include <cstring>
 #include <exception>
 
+#include "common/defaults.h"
 #include "common/log.h"
 #include "common/thread.h"
 #include "platintf/reply_process.h"
