@@ -101,9 +101,6 @@ def test_gateway_app_store_issues_a_token_over_tls(gateway_sim):
             data = b""
             while chunk := tls.recv(4096):
                 data += chunk
-    head, _, answer = data.partition(b"\r\n\r\n")
-    assert head.startswith(b"HTTP/1.1 200 ")
-    token = json.loads(answer)
-    assert re.fullmatch(r"[0-9A-F]{32}", token["access_token"])
-    assert (token["expire_in"], token["scope"]) == ("7200", "device")
+    head, _, answer = data.partition(b"\r\n\r\n")  # the token's fields: test_appstore_exchange.py
+    assert head.startswith(b"HTTP/1.1 200 ") and json.loads(answer)["access_token"]
     assert wait_until(lambda: any(" sim: app store: token issued" in line for line in lines)), lines
