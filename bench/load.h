@@ -3,6 +3,8 @@
 // clients back to back and takes their latencies.
 #pragma once
 
+#include <sys/socket.h>
+
 #include <atomic>
 #include <functional>
 #include <string>
