@@ -2,9 +2,125 @@
 # The main job: installs what is needed, builds, and runs the demo host.
 set -eu
 cd "$(dirname "$0")/.."
+if [ -z "${QDQ_DEMO_INSIDE:-}" ]; then
 ./scripts/deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j "$(nproc)" >/dev/null
-root=$(pwd)/build/demo-root
-rm -rf "$root" && mkdir -p "$root/var" "$root/qdconf" "$root/etc/config/system"
-QDQUICK_ROOT="$root" ./build/examples/qdquick-demo
+fi
+# From here: the simulator (operator side) and qdquickd (the gateway) on
+# loopback, in a private network namespace when possible so that the fixed
+# ports (7998, 18401, 18998, 17401, 60001...) never meet anything else.
+# Usage: scripts/demo.sh [--keep]   (--keep: stay up for exploration)
+keep=0
+for arg in "$@"; do
+  case "$arg" in
+    --keep) keep=1 ;;
+    -h|--help) echo "usage: $0 [--keep]"; exit 0 ;;
+    *) echo "usage: $0 [--keep]" >&2; exit 2 ;;
+  esac
+done
+if [ -z "${QDQ_DEMO_INSIDE:-}" ] && unshare --net true 2>/dev/null; then
+  export QDQ_DEMO_INSIDE=netns
+  exec unshare --net sh -c 'ip link set lo up && exec "$0" "$@"' "$0" "$@"
+fi
+export QDQ_DEMO_INSIDE="${QDQ_DEMO_INSIDE:-host}"
+
+top=$(pwd)
+scale=${QDQUICK_TIME_SCALE:-0.1}   # platform intervals of 60 s pass in 6 s
+export QDQUICK_TIME_SCALE=$scale
+root=$(mktemp -d /tmp/qdquick-demo.XXXXXX)
+mkdir -p "$root/etc"
+sed -e "s|\"root\": \"\"|\"root\": \"$root\"|" -e 's|"retry_seconds": 30|"retry_seconds": 10|' \
+    daemon/qdquickd.json > "$root/etc/qdquickd.json"
+
+say() { printf '%s demo: %s\n' "$(date +%H:%M:%S)" "$*"; }
+sim_pid= daemon_pid=
+stop_all() {
+  trap - EXIT INT TERM
+  if [ -n "$daemon_pid" ] && kill -0 "$daemon_pid" 2>/dev/null; then
+    say "stopping qdquickd (SIGTERM)"
+    kill -TERM "$daemon_pid"
+    status=0; wait "$daemon_pid" || status=$?
+    say "qdquickd exited with status $status"
+  fi
+  if [ -n "$sim_pid" ] && kill -0 "$sim_pid" 2>/dev/null; then
+    kill -TERM "$sim_pid"; wait "$sim_pid" 2>/dev/null || true
+  fi
+  sleep 1   # the last lines reach the screen
+  # (an exited process that nobody reaped yet shows as Z: it does not run)
+  if ps -C sampleplugin -o stat= 2>/dev/null | grep -qv Z; then say "WARNING: sampleplugin still runs"; fi
+  say "logs and state files are kept in $root"
+}
+trap stop_all EXIT
+trap 'exit 130' INT TERM
+
+# Waits up to $2 seconds for the extended regular expression $1 in a file $3.
+wait_for() {
+  i=0
+  while ! grep -Eq "$1" "$3" 2>/dev/null; do
+    i=$((i + 1)); [ "$i" -gt $(($2 * 10)) ] && return 1
+    sleep 0.1
+  done
+}
+
+say "root $root (network: $QDQ_DEMO_INSIDE, time scale $scale)"
+: > "$root/sim.out"; : > "$root/daemon.out"
+# Only the readable lines: the tools the library runs (wget, tar) also
+# write to the daemon's output.
+(tail -n +1 --pid=$$ -f "$root/sim.out" | grep --line-buffered ' sim: ') &
+(tail -n +1 --pid=$$ -f "$root/daemon.out" | grep --line-buffered -E ' qdquickd: |^sampleplugin: ') &
+/usr/bin/python3 sim/qdquick-sim --gateway --time-scale "$scale" \
+    --packages build/examples/sample-plugin/packages --record "$root/sim-record.jsonl" \
+    > "$root/sim.out" 2> "$root/sim.err" &
+sim_pid=$!
+wait_for '^qdquick-sim ready' 10 "$root/sim.out" || { say "the simulator did not start:"; cat "$root/sim.err"; exit 1; }
+./build/daemon/qdquickd -c "$root/etc/qdquickd.json" > "$root/daemon.out" 2>&1 &
+daemon_pid=$!
+
+ok=1
+wait_for 'plugin .* is running' 60 "$root/daemon.out" || { say "the sample plugin did not come up"; ok=0; }
+wait_for 'manage platform: heartbeat received' 30 "$root/sim.out" || ok=0
+wait_for 'plugin platform: heartbeat answered' 30 "$root/daemon.out" || ok=0
+
+# A local program asks the gateway for its plugins on the local TCP port.
+answer=$(/usr/bin/python3 - <<'PY'
+import json, socket, struct
+s = socket.create_connection(("127.0.0.1", 18998), timeout=10)
+body = json.dumps({"RPCMethod": "ListPlugin", "ID": "demo-1"}).encode()
+s.sendall(struct.pack(">I", len(body)) + body)
+head = s.recv(4, socket.MSG_WAITALL)
+n = struct.unpack(">I", head)[0] if len(head) == 4 else 0
+data = b""
+while len(data) < n:
+    chunk = s.recv(n - len(data))
+    if not chunk:
+        break
+    data += chunk
+print(json.dumps(json.loads(data)) if data else "(no answer)")
+PY
+) || answer="(no answer: $?)"
+say "local ListPlugin answered: $answer"
+case "$answer" in *sample*) ;; *) ok=0 ;; esac
+
+if [ "$keep" = 1 ]; then
+  pfx=""; [ "$QDQ_DEMO_INSIDE" = netns ] && pfx="nsenter -t $$ -n "
+  cli=$top/build/tools/cli/qdquick-cli
+  cat <<EOT
+
+The gateway keeps running. From another terminal try:
+  $cli status --status-file $root/var/qdquickd/status.json
+  ${pfx}$cli --tcp '{"RPCMethod":"ListPlugin","ID":"1"}'
+  ${pfx}$cli --quick '{"Cmd":"Discover"}'
+  ${pfx}$cli --udp '{"RPCMethod":"Post","Parameter":"eyJDbWRUeXBlIjoiR2V0UGxhdGZvcm1TdGF0dXMifQ=="}'
+  tail -f $root/var/shrcadlog.txt                # the library's log
+  tail -f $root/var/qdquickd.log                 # the daemon's log
+  cat $root/qdconf/CPlugin/sample/Data/ticks     # the sample plugin counts here
+Press Ctrl-C to stop everything.
+EOT
+  wait "$daemon_pid" || true
+  exit 0
+fi
+sleep 1
+if [ "$ok" = 1 ]; then say "all shown: registrations, heartbeats, install, plugin running, local answer"; else say "something was missing (see $root)"; fi
+stop_all
+[ "$ok" = 1 ]

@@ -5,6 +5,7 @@
 #include "jsonmsg/processjsonmsg.h"
 #include "localsvc/callbacks.h"
 #include "localsvc/quickinstall.h"
+#include "platintf/session.h"
 
 namespace {
 
@@ -28,7 +29,13 @@ struct TimerAction {
 };
 
 constexpr TimerAction kTimerActions[] = {
-    // Session timers (9, 10, 13 to 19) join here with their modules.
+    {qdq::kTimerConnectManage, qdq::timer_connect_manage},
+    {qdq::kTimerConnectPlugin, qdq::timer_connect_plugin},
+    {qdq::kTimerManageHeartbeat, qdq::timer_heartbeat},
+    {qdq::kTimerManageHbTimeout, qdq::timer_heartbeat_timeout},
+    {qdq::kTimerPluginHeartbeat, qdq::timer_heartbeat},
+    {qdq::kTimerPluginHbTimeout, qdq::timer_heartbeat_timeout},
+    {qdq::kTimerPluginDisconnect, qdq::disconnect_plugin_if_registered},
     {18, resend_manage_reply},
     {19, start_manage_local_service},
     {28, reboot_gateway},

@@ -9,6 +9,7 @@
 
 #include <cjson/cJSON.h>
 
+#include "platintf/session.h"
 #include "qdquick/qdquick.h"
 
 namespace qdq {
@@ -27,10 +28,8 @@ inline constexpr int kResultProtected = -14;
 inline constexpr int kResultJobManagerSilent = -100;
 inline constexpr int kAbilityFailed = -101;
 
-// Timer ids of the command module (actions in QdTimeoutHandle).
-inline constexpr int kTimerConnectCube = 8;
-inline constexpr int kTimerConnectManage = 9;
-inline constexpr int kTimerConnectPlugin = 10;
+// Timer ids of the command module (actions in QdTimeoutHandle); the
+// connect timers 8, 9 and 10 are the session's (platintf/session.h).
 inline constexpr int kTimerResendReply = 18;
 
 }  // namespace qdq

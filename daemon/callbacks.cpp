@@ -1,0 +1,80 @@
+// Callbacks run on the library's threads. Slots 0 to 2 only queue an event
+// for the main loop; slots 3 and 4 answer at once (their answer is awaited).
+// No exception may travel back into the library.
+#include "callbacks.h"
+
+#include <cstring>
+#include <exception>
+#include <string>
+
+#include "ability.h"
+#include "events.h"
+#include "quick_install.h"
+#include "say.h"
+
+namespace qdd {
+
+namespace {
+
+constexpr int kTimerCube = 8;
+constexpr std::size_t kQuickReplySize = 512;
+
+void on_timer(int timerid, int, int, int) {
+    try {
+        if (timerid == kTimerCube) post_event({Event::kTimer, 0, timerid, {}});
+        else note("timer %d has no action here", timerid);
+    } catch (const std::exception &e) {
+        note("timer %d: %s", timerid, e.what());
+    }
+}
+
+void on_status(int plattype, const char *status, int result) {
+    try {
+        post_event({Event::kStatus, plattype, result, status != nullptr ? status : ""});
+    } catch (const std::exception &e) {
+        note("status of platform %d: %s", plattype, e.what());
+    }
+}
+
+void on_distri(int, platinfo *record) {
+    // The library reports 2 for every non-zero mode, also when it rewrote
+    // the cube record: the record itself tells which platform moved.
+    const int plattype = record == &cubeplatinfo ? 1 : record == &manageplatinfo ? 2 : 0;
+    if (plattype == 0) return;
+    try {
+        std::string address(record->MgtURL, strnlen(record->MgtURL, sizeof record->MgtURL));
+        post_event({Event::kDistri, plattype, static_cast<int>(record->port), address});
+    } catch (const std::exception &e) {
+        note("new platform address: %s", e.what());
+    }
+}
+
+void on_quick_install(char *reply, const char *request) {
+    try {
+        answer_quick_install(reply, kQuickReplySize, request);
+    } catch (const std::exception &e) {
+        note("quick-install request: %s", e.what());
+    }
+}
+
+void on_ability(cJSON *command, int *plattype) {
+    try {
+        run_ability(command, plattype != nullptr ? *plattype : 0);
+    } catch (const std::exception &e) {
+        note("ability command: %s", e.what());
+    }
+}
+
+}  // namespace
+
+quickevcb_t host_callbacks() {
+    quickevcb_t cb{};
+    cb.timerevent = on_timer;
+    cb.platstatus = on_status;
+    cb.platdistri = on_distri;
+    cb.quickinstall = on_quick_install;
+    cb.ability = on_ability;
+    return cb;
+}
+
+}  // namespace qdd

@@ -1,0 +1,97 @@
+#include "plugin_files.h"
+
+#include <dirent.h>
+
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+
+#include "common/paths.h"
+
+namespace qdd {
+
+namespace {
+
+bool all_of(const char *text, const char *extra) {
+    for (const char *p = text; *p != '\0'; ++p) {
+        if (!std::isalnum(static_cast<unsigned char>(*p)) && std::strchr(extra, *p) == nullptr) return false;
+    }
+    return true;
+}
+
+std::string trim(const std::string &s) {
+    const auto b = s.find_first_not_of(" \t\r\n");
+    if (b == std::string::npos) return "";
+    return s.substr(b, s.find_last_not_of(" \t\r\n") - b + 1);
+}
+
+}  // namespace
+
+bool safe_word(const char *text, std::size_t cap, bool empty_ok) {
+    if (text == nullptr) return empty_ok;
+    const std::size_t n = strnlen(text, cap);
+    if (n >= cap || (n == 0 && !empty_ok)) return false;
+    return all_of(text, "._-") && std::strstr(text, "..") == nullptr;
+}
+
+bool safe_url(const char *url, std::size_t cap) {
+    if (url == nullptr || strnlen(url, cap) >= cap) return false;
+    if (std::strncmp(url, "http://", 7) != 0 && std::strncmp(url, "https://", 8) != 0) return false;
+    return all_of(url, "._~:/%+-");
+}
+
+std::string short_name(const std::string &bundle) {
+    const auto dot = bundle.rfind('.');
+    return dot == std::string::npos ? bundle : bundle.substr(dot + 1);
+}
+
+std::string plugin_dir(const std::string &bundle) {
+    return qdq::path("/qdconf/CPlugin/") + short_name(bundle) + "/";
+}
+
+bool read_descriptor(const std::string &bundle, PluginDescriptor &out) {
+    std::ifstream in(plugin_dir(bundle) + "Info.plugin");
+    if (!in) return false;
+    std::string line;
+    while (std::getline(in, line)) {
+        const auto colon = line.find(':');
+        if (colon == std::string::npos) continue;
+        const std::string key = trim(line.substr(0, colon));
+        const std::string value = trim(line.substr(colon + 1));
+        if (key == "Type") out.type = value;
+        else if (key == "Right") out.right = value;
+        else if (key == "EntryFile") out.entry = value.substr(value.rfind('/') + 1);
+        else if (key == "Cpu") out.cpu = std::atoi(value.c_str());
+        else if (key == "VirtualRam") out.vram = std::atoi(value.c_str());
+        else if (key == "Socket") out.sockets = std::atoi(value.c_str());
+    }
+    // Only plugins with the "user" right are held to their limits.
+    if (out.right != "user") out.cpu = out.vram = out.sockets = -1;
+    return !out.entry.empty();
+}
+
+int find_process(const std::string &program) {
+    const std::string want = program.substr(0, 15);
+    DIR *proc = opendir("/proc");
+    if (proc == nullptr) return 0;
+    int found = 0;
+    while (dirent *e = readdir(proc)) {
+        if (!std::isdigit(static_cast<unsigned char>(e->d_name[0]))) continue;
+        std::ifstream comm(std::string("/proc/") + e->d_name + "/comm");
+        std::string name;
+        if (!std::getline(comm, name) || name != want) continue;
+        // An exited process waiting for its parent is not running.
+        std::ifstream stat(std::string("/proc/") + e->d_name + "/stat");
+        std::string line;
+        std::getline(stat, line);
+        const auto paren = line.rfind(')');
+        if (paren != std::string::npos && paren + 2 < line.size() && line[paren + 2] == 'Z') continue;
+        found = std::atoi(e->d_name);
+        break;
+    }
+    closedir(proc);
+    return found;
+}
+
+}  // namespace qdd

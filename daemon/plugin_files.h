@@ -1,0 +1,35 @@
+// What the daemon reads of an installed C plugin: its directory, the few
+// descriptor keys it needs to run and stop it, and its process.
+#pragma once
+
+#include <string>
+
+namespace qdd {
+
+struct PluginDescriptor {
+    std::string type = "app";
+    std::string entry;   // last component of "EntryFile"
+    std::string right;
+    int cpu = -1, vram = -1, sockets = -1;
+};
+
+// A dotted bundle name, version or id made of letters, digits, '.', '_'
+// and '-' only, shorter than `cap`: safe in paths and in the library's
+// shell commands.
+bool safe_word(const char *text, std::size_t cap, bool empty_ok);
+// Package addresses: http(s):// and a conservative character set.
+bool safe_url(const char *url, std::size_t cap);
+
+// The part after the last '.' of a bundle name.
+std::string short_name(const std::string &bundle);
+// "<root>/qdconf/CPlugin/<short>/".
+std::string plugin_dir(const std::string &bundle);
+
+// Reads plugin_dir(bundle) + "Info.plugin"; false when it is missing.
+bool read_descriptor(const std::string &bundle, PluginDescriptor &out);
+
+// Pid of a running (not exited) process whose name is `program` (kernel
+// names are cut to 15 characters), or 0.
+int find_process(const std::string &program);
+
+}  // namespace qdd

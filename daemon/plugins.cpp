@@ -1,0 +1,185 @@
+#include "plugins.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "plugin_files.h"
+#include "qdquick/qdquick.h"
+#include "say.h"
+#include "status_file.h"
+#include "threads.h"
+
+namespace qdd {
+
+namespace {
+
+struct Plugin {
+    std::string version, status, upgradeid;
+};
+
+std::mutex g_mutex;
+std::map<std::string, Plugin> g_plugins;  // by bundle name
+bool g_run_after_install = true;
+
+bool is_final(const std::string &status) {
+    return status == "Installed" || status == "install_failed" || status == "X_BROADCOM_COM_DnldFailed";
+}
+
+void set_status(const std::string &name, const std::string &version, const std::string &status) {
+    {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        Plugin &p = g_plugins[name];
+        if (!version.empty()) p.version = version;
+        p.status = status;
+    }
+    status_write();
+}
+
+std::string status_of(const std::string &name) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    auto it = g_plugins.find(name);
+    return it == g_plugins.end() ? std::string() : it->second.status;
+}
+
+// The process may take a moment to appear after the shell started it.
+int wait_for_process(const std::string &program) {
+    for (int i = 0; i < 20; ++i) {
+        if (int pid = find_process(program)) return pid;
+        usleep(50 * 1000);
+    }
+    return 0;
+}
+
+void report_running(const std::string &name, const std::string &version) {
+    PluginDescriptor d;
+    if (!read_descriptor(name, d)) return;
+    if (int pid = wait_for_process(d.entry))
+        say("plugin %s %s is running: %s, pid %d", name.c_str(), version.c_str(), d.entry.c_str(), pid);
+    else
+        say("plugin %s %s was started but %s is not running", name.c_str(), version.c_str(), d.entry.c_str());
+}
+
+void *install_body(void *arg) {
+    std::unique_ptr<cplugininstinfo> record(static_cast<cplugininstinfo *>(arg));
+    const std::string name = record->name, version = record->version;
+    HgDownLoadCpluginAndProcess(record.get());
+    const std::string status = status_of(name);
+    if (status == "Active") report_running(name, version);
+    else say("install of %s %s ended: %s", name.c_str(), version.c_str(), status.c_str());
+    return nullptr;
+}
+
+template <std::size_t N>
+void put(char (&field)[N], const char *value) {
+    std::snprintf(field, N, "%s", value != nullptr ? value : "");
+}
+
+}  // namespace
+
+void plugins_configure(bool run_after_install) { g_run_after_install = run_after_install; }
+
+int plugin_install(int os, const char *name, const char *version, const char *url,
+                   const char *upgradeid) {
+    cplugininstinfo probe;
+    if (!safe_word(name, sizeof probe.name, false) || short_name(name).empty() ||
+        !safe_word(version, sizeof probe.version, true) || !safe_url(url, sizeof probe.url) ||
+        !safe_word(upgradeid, sizeof probe.upgradeid, true)) {
+        say("install refused: name, version, address or upgrade id not acceptable");
+        return -3;
+    }
+    auto record = std::make_unique<cplugininstinfo>();
+    std::memset(record.get(), 0, sizeof *record);
+    put(record->name, name);
+    put(record->version, version);
+    put(record->url, url);
+    put(record->upgradeid, upgradeid);
+    record->runflag = g_run_after_install ? 1 : 0;
+    say("install of %s %s ordered (OS %d) from %s", name, version != nullptr ? version : "", os, url);
+    {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        Plugin &p = g_plugins[name];
+        p.version = version != nullptr ? version : "";
+        p.upgradeid = upgradeid != nullptr ? upgradeid : "";
+        p.status = "Ordered";
+    }
+    if (start_detached(install_body, record.get()) != 0) {
+        say("install of %s: cannot start the install thread", name);
+        return -3;
+    }
+    record.release();  // the thread owns it now
+    return 0;
+}
+
+void plugin_status(const char *name, const char *version, const char *status, const char *upgradeid) {
+    if (name == nullptr || status == nullptr) return;
+    say("plugin %s %s: %s", name, version != nullptr ? version : "", status);
+    set_status(name, version != nullptr ? version : "", status);
+    // The platform learns the outcome of its order from the library's push.
+    if (is_final(status)) HgCplugPushCheck(name, version, status, upgradeid);
+}
+
+int plugin_run(const char *name, const char *version) {
+    PluginDescriptor d;
+    if (name == nullptr || !safe_word(name, 128, false) || !read_descriptor(name, d)) return -1;
+    char entry[128];
+    std::snprintf(entry, sizeof entry, "%s", d.entry.c_str());
+    const int rc = HgCPluginRun(name, version, d.type.c_str(), entry, d.cpu, d.vram, d.sockets);
+    if (rc == 0) {
+        set_status(name, version != nullptr ? version : "", "Active");
+        report_running(name, version != nullptr ? version : "");
+    }
+    return rc == 0 ? 0 : -1;
+}
+
+int plugin_stop(const char *name, const char *version) {
+    PluginDescriptor d;
+    if (name == nullptr || !safe_word(name, 128, false) || !read_descriptor(name, d)) return -1;
+    const int rc = ProcessCPluginStop(name, version, d.type.c_str(), d.entry.c_str());
+    set_status(name, version != nullptr ? version : "", "Idle");
+    say("plugin %s stopped", name);
+    return rc;
+}
+
+void plugins_add_to_list(cJSON *list) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    for (const auto &[name, p] : g_plugins) {
+        cJSON *item = cJSON_CreateObject();
+        cJSON_AddStringToObject(item, "Plugin_Name", name.c_str());
+        cJSON_AddStringToObject(item, "Version", p.version.c_str());
+        cJSON_AddStringToObject(item, "Status", p.status.c_str());
+        cJSON_AddItemToArray(list, item);
+    }
+}
+
+cJSON *plugins_to_json() {
+    cJSON *list = cJSON_CreateArray();
+    plugins_add_to_list(list);
+    return list;
+}
+
+void plugins_stop_all() {
+    std::vector<std::pair<std::string, std::string>> active;
+    {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        for (const auto &[name, p] : g_plugins)
+            if (p.status == "Active") active.emplace_back(name, p.version);
+    }
+    for (const auto &[name, version] : active) {
+        plugin_stop(name.c_str(), version.c_str());
+        // Give it a moment to end, so that the daemon leaves nothing behind.
+        PluginDescriptor d;
+        if (!read_descriptor(name, d)) continue;
+        for (int i = 0; i < 20 && find_process(d.entry) != 0; ++i) usleep(50 * 1000);
+    }
+}
+
+}  // namespace qdd

@@ -1,0 +1,29 @@
+// C plugins the daemon installed, ran or stopped on the platform's orders.
+// The library answers "Install", "Run" and "Stop" at once and leaves the
+// work to its host; these functions are that work.
+#pragma once
+
+#include <cjson/cJSON.h>
+
+namespace qdd {
+
+void plugins_configure(bool run_after_install);
+
+// An accepted "Install": checks the texts, starts the download-and-install
+// thread. 0 when started, -3 when refused (the library pushes the failure).
+int plugin_install(int os, const char *name, const char *version, const char *url,
+                   const char *upgradeid);
+// The library reports an install status ("Installing", "Installed",
+// "Active", "install_failed", "X_BROADCOM_COM_DnldFailed").
+void plugin_status(const char *name, const char *version, const char *status, const char *upgradeid);
+int plugin_run(const char *name, const char *version);
+int plugin_stop(const char *name, const char *version);
+
+// One object per known plugin: "Plugin_Name", "Version", "Status".
+void plugins_add_to_list(cJSON *list);
+cJSON *plugins_to_json();
+
+// Shutdown: stops every plugin this daemon started.
+void plugins_stop_all();
+
+}  // namespace qdd

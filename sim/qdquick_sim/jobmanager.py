@@ -1,0 +1,63 @@
+"""The gateway's local job manager on UDP 127.0.0.1:17401: the library
+forwards some platform commands to it ("SetPlug-inParameterValues", OSGi
+"Post") and sends its answer back to the platform unchanged."""
+
+from __future__ import annotations
+
+import json
+import socket
+import threading
+
+from .recorder import Recorder
+
+# Request keys the answer does not echo.
+_CONSUMED = ("RPCMethod", "Plugin_Name", "Version", "Parameter")
+
+
+def answer_for(text: str) -> dict:
+    try:
+        request = json.loads(text)
+    except ValueError:
+        return {"Result": -1}
+    if not isinstance(request, dict) or not isinstance(request.get("RPCMethod"), str):
+        return {"Result": -1}
+    answer = {k: v for k, v in request.items() if k not in _CONSUMED}
+    answer["Result"] = 0
+    return answer
+
+
+class JobManager:
+    def __init__(self, host: str, port: int, recorder: Recorder) -> None:
+        self._sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self._sock.bind((host, port))
+        self._sock.settimeout(0.2)
+        self.port = self._sock.getsockname()[1]
+        self._recorder = recorder
+        self._stop = threading.Event()
+        self._thread = threading.Thread(target=self._loop, name="jobmanager", daemon=True)
+
+    def _loop(self) -> None:
+        while not self._stop.is_set():
+            try:
+                data, addr = self._sock.recvfrom(65535)
+            except socket.timeout:
+                continue
+            except OSError:
+                return
+            peer = f"{addr[0]}:{addr[1]}"
+            text = data.decode("utf-8", "replace")
+            self._recorder.add("jobmanager", "udp", "in", peer, text, kind="command")
+            reply = json.dumps(answer_for(text))
+            try:
+                self._sock.sendto(reply.encode(), addr)
+                self._recorder.add("jobmanager", "udp", "out", peer, reply)
+            except OSError:
+                self._recorder.add("jobmanager", "udp", "out", peer, reply, sent=False)
+
+    def start(self) -> None:
+        self._thread.start()
+
+    def stop(self) -> None:
+        self._stop.set()
+        self._thread.join(2)
+        self._sock.close()

@@ -1,0 +1,65 @@
+// Heartbeats of the manage and plugin platforms: one per timer expiry, each
+// arming the reply time-out that carries the cycle on.
+#include "common/log.h"
+#include "common/resolve.h"
+#include "platintf/hgprocessplatintf.h"
+#include "platintf/reply_process.h"
+#include "platintf/session.h"
+#include "platintf/session_msg.h"
+
+void HGProcessPlatHeatbeat(int plattype) {
+    if (plattype != QDQ_PLAT_MANAGE && plattype != QDQ_PLAT_PLUGIN) {
+        QDQ_LOG("platinfo NULL");
+        return;
+    }
+    platinfo *rec = getPlatInfo(plattype);
+    QDQ_LOG("start HGProcessPlatHeatbeat!");
+    HgSetPlateStatus(plattype, "heartbeating", 0);
+    char msg[kHeartbeatMsgSize];
+    GenerateHeartBeatMessage(msg, plattype);
+    if (rec->regflag == 0) {
+        // No timer is armed: the cycle ends here.
+        QDQ_LOG("plat is not registed, return!");
+        return;
+    }
+    if (AppGetIPFromDNS(rec->heartbeatip) == -1) {
+        AppTimerCreate(60, qdq::kTimerConnectManage, 0, QdTimeoutHandle);
+        return;
+    }
+    if (plattype == QDQ_PLAT_MANAGE && rec->tcpflag == 0) {
+        // The answer comes later, through the local request service on the
+        // same local port, and cancels the time-out.
+        char reply[512];
+        const int ret = HGSendUdpRequest(rec->localport, rec->heartbeatip, rec->heartbeatport, msg, reply, 0);
+        QDQ_LOG("send udp heartbeat return %d", ret);
+        if (ret != -1) {
+            AppTimerCreate(20, qdq::kTimerManageHbTimeout, 0, QdTimeoutHandle);
+        } else {
+            QDQ_LOG("invalid internet connection!");
+            HGDisconnectPlat(QDQ_PLAT_MANAGE);
+        }
+        return;
+    }
+    HGSendTcpHeartBeat(msg, plattype);
+}
+
+void HGSendTcpHeartBeat(const char *message, int plattype) {
+    if (message == nullptr) {
+        AppMgrLogLine(qdq::kLogTrace, "HGSendTcpHeartBeat msgbuf is null");
+        return;
+    }
+    if (plattype != QDQ_PLAT_MANAGE && plattype != QDQ_PLAT_PLUGIN) {
+        AppMgrLogLine(qdq::kLogTrace, "platinfo is null");
+        return;
+    }
+    platinfo *rec = getPlatInfo(plattype);
+    if (HgTcpSend(rec->socketfd, message) >= 1) {
+        rec->hbreplied = 0;
+        AppTimerCreate(20, plattype == QDQ_PLAT_MANAGE ? qdq::kTimerManageHbTimeout : qdq::kTimerPluginHbTimeout, 0,
+                       QdTimeoutHandle);
+    } else {
+        // A heartbeat that could not be sent fails at once.
+        ProcessHeartBeatReply(nullptr, plattype);
+    }
+    QDQ_LOG("HGSendTcpHeartBeat end!\n");
+}

@@ -1,0 +1,104 @@
+// The Register procedure: answer the Boot challenge until the platform
+// accepts, asks for a new Boot, or a newer connect thread takes over.
+#include "common/clock.h"
+#include "common/log.h"
+#include "platintf/reply_process.h"
+#include "platintf/session.h"
+#include "platintf/session_msg.h"
+
+namespace {
+
+// The wait before the next attempt (also its reply wait) after `result`;
+// other results keep the previous one.
+unsigned next_wait(int plattype, bool tcp, int result, unsigned previous) {
+    switch (result) {
+    case -1: return 5;
+    case -5:
+    case -3: return 1;
+    default: break;
+    }
+    if (result > 0 && tcp) {
+        if (plattype == QDQ_PLAT_MANAGE) return static_cast<unsigned>((qdq::time_seeded_rand() % 3 + 3) * 60);
+        if (plattype == QDQ_PLAT_CUBE) return 180;
+    }
+    return previous;
+}
+
+}  // namespace
+
+int HgProcessRegister(int plattype) {
+    QDQ_LOG("HgProcessRegister start!ipmode:%d", deviceinfo.ipmode);
+    platinfo *rec = getPlatInfo(plattype);
+    if (rec == nullptr) {
+        QDQ_LOG("platinfo is NULL");
+        return -1;
+    }
+    const bool plugin = plattype == QDQ_PLAT_PLUGIN;
+    HgSetPlateStatus(plattype, "registering", 0);
+    unsigned wait = 10;
+    int failures = 0;
+    char msg[kSessionMsgSize];
+    char reply[qdq::kSessionReplySize];
+    for (;;) {
+        if (!qdq::is_newest_connect_thread(plattype, qdq::GuardPoint::Register)) return kSessionSuperseded;
+        GenerateRegMessage(plattype, rec->challengecode, msg);
+        QDQ_LOG("register to server: %s\n", rec->curip);
+        const char *text = reply;
+        const int sent = qdq::session_exchange(plattype, *rec, msg, reply, wait, &text);
+        if (sent == -1) {
+            HgSetPlateStatus(plattype, "try_connect_failed", -1);
+            if (plugin) {
+                QDQ_LOG("plugin reg return -1, return!\n");
+                // Already closed by the TCP client; see HgProcessBoot.
+                rec->socketfd = -1;
+            }
+            QDQ_LOG("invalid internet connection!\n");
+            return kSessionNoAddress;
+        }
+        QDQ_LOG("reply code:%d\n", sent);
+        const bool tcp = rec->tcpflag != 0;
+        if (plattype == QDQ_PLAT_MANAGE && tcp) {
+            HgSetPlateStatus(plattype, "try_connect_failed", -1);
+            qdq::close_session_socket(rec);
+            return sent;
+        }
+        const int result = ProcessRegReply(text, rec);
+        if (result == -1) {
+            HgSetPlateStatus(plattype, "try_connect_failed", -1);
+            if (plugin) {
+                rec->isinreg = 0;
+                QDQ_LOG("plugin reg return -1, return!\n");
+                qdq::close_session_socket(rec);
+                return -1;
+            }
+            // The second unusable reply is retried soon; the others after a
+            // minute, for as long as this thread stays the newest.
+            if (++failures != 2) {
+                qdq::sleep_for(60);
+                continue;
+            }
+        }
+        if (plugin || (result >= 0 && !tcp)) {
+            if (result >= 0) {
+                HgSetPlateStatus(plattype, "connected", result);
+                rec->regflag = 1;
+                srvreplyflag = 0;
+                // The manage platform's UDP messages arrive through the
+                // local request service.
+                if (plattype == QDQ_PLAT_MANAGE)
+                    AppTimerCreate(2, qdq::kTimerManageLocalService, 0, QdTimeoutHandle);
+            }
+            rec->isinreg = 0;
+            QDQ_LOG("HgProcessRegister end! ret=%d\n", result);
+            return result;
+        }
+        if (result == -2) {
+            rec->isinreg = 0;
+            QDQ_LOG("%s ret = %d,should return to boot again\n", "HgProcessRegister", result);
+            return -2;
+        }
+        wait = next_wait(plattype, tcp, result, wait);
+        QDQ_LOG("ret=%d\tplattypt:%d\ttimeout:%d\n", result, plattype, static_cast<int>(wait));
+        qdq::sleep_for(wait);
+    }
+}

@@ -1,0 +1,108 @@
+// Platform sessions: the Boot and Register procedures, heartbeats, the
+// persistent TCP channel, and connecting and disconnecting a platform.
+// The exported entries (HGConnect*Plat, HGDisconnectPlat,
+// CreateConnectPluginPlatThread) are declared in qdquick/qdquick.h.
+#pragma once
+
+#include <pthread.h>
+
+#include "qdquick/qdquick.h"
+
+// Codes of the Boot and Register procedures (besides a platform "Result").
+inline constexpr int kSessionNoAddress = 101;   // no address / transport failed
+inline constexpr int kSessionSuperseded = 102;  // a newer connect thread took over
+inline constexpr int kSessionWrongFamily = 103; // address family mismatch (Boot)
+
+// Blocking procedures; return a code above, -1, -2 (Register: boot again)
+// or the platform's "Result".
+int HgProcessBoot(int plattype);
+int HgProcessRegister(int plattype);
+
+// Timer actions 13/15: one heartbeat to the manage or plugin platform.
+void HGProcessPlatHeatbeat(int plattype);
+// One heartbeat on the session socket; a failed send counts as a time-out.
+void HGSendTcpHeartBeat(const char *message, int plattype);
+
+// The persistent channel's receive loop; blocks until the channel ends.
+void HgProcessPlatTcpConnect(int plattype);
+// Handles one message received on `plattype`'s channel: takes ownership of
+// the malloc'ed text. Returns 0, or -1 when the channel must end. (The
+// platform is passed rather than deduced from the calling thread: the id
+// of a finished loop thread may already name a worker.)
+int HgProcessPlatTcpRequest(char *message, int plattype);
+// Thread body of CreateConnectPluginPlatThread.
+void *StartProcessConnectPluginPlat(void *);
+
+// Held by a plugin-channel worker while it copies its message.
+extern pthread_mutex_t tcpreq_mutex;
+
+namespace qdq {
+
+// Timer ids of the session.
+inline constexpr int kTimerConnectCube = 8;
+inline constexpr int kTimerConnectManage = 9;
+inline constexpr int kTimerConnectPlugin = 10;
+inline constexpr int kTimerManageHeartbeat = 13;
+inline constexpr int kTimerManageHbTimeout = 14;
+inline constexpr int kTimerPluginHeartbeat = 15;
+inline constexpr int kTimerPluginHbTimeout = 16;
+inline constexpr int kTimerPluginDisconnect = 17;
+inline constexpr int kTimerManageLocalService = 19;
+
+// A thread id as a number for log lines (pthread_t is an integer or a
+// pointer, depending on the C library).
+inline unsigned long thread_number(pthread_t t) { return (unsigned long)t; }
+inline bool thread_set(pthread_t t) { return !pthread_equal(t, pthread_t{}); }
+
+// Most addresses a platform name is resolved into.
+inline constexpr int kMaxPlatAddresses = 20;
+
+// Where a procedure checks the thread guard (each logs its own line).
+enum class GuardPoint { BootRound, BootAddress, BootSent, Register };
+
+// Thread guard of the manage and cube procedures: true while the calling
+// thread is the newest connect thread (platregtid); always true for the
+// plugin platform. Otherwise logs the point's line.
+bool is_newest_connect_thread(int plattype, GuardPoint point);
+
+// Reply buffer of one exchange: the transports fill 512 bytes, the last
+// byte stays NUL so that a full reply is still a terminated text.
+inline constexpr int kSessionReplySize = 513;
+
+// One Boot or Register exchange by the record's transport (tcpflag) and the
+// device's address family (ipmode), waiting `wait` seconds. Returns the
+// transport's result (0 reply received, -1 none); *text points at the
+// reply text inside `reply` (after the frame header over TCP).
+int session_exchange(int plattype, const platinfo &rec, const char *msg,
+                     char (&reply)[kSessionReplySize], unsigned wait, const char **text);
+
+// Index among `count` resolved addresses: the only one, else a draw seeded
+// with the current second that differs from `last` (100 = none yet).
+int pick_address(int count, int last);
+
+// Time-seeded pseudo-random number (the session's draws of ports and waits).
+int time_seeded_rand();
+
+// Closes the record's session socket (when it holds one, shut down first
+// when asked) and stores -1.
+void close_session_socket(platinfo *rec, bool shut_down = false);
+
+// Cancels the platform's receive loop if it still runs on `tid`; returns
+// pthread_cancel's result, or -1 when no loop runs there (it has ended, or
+// `tid` names another thread, such as the manage platform's local UDP
+// service, which ends by itself once the session takes its socket).
+int cancel_channel_thread(int plattype, pthread_t tid);
+
+// Default addresses used when a record's MgtURL is empty or "0.0.0.0".
+const char *default_cube_address();
+const char *default_manage_address();
+
+// Timer 17: disconnect the plugin platform if it is still registered.
+void disconnect_plugin_if_registered(int timerid);
+// Timers 9, 10, 13 and 15 as QdTimeoutHandle actions.
+void timer_connect_manage(int timerid);
+void timer_connect_plugin(int timerid);
+void timer_heartbeat(int timerid);
+void timer_heartbeat_timeout(int timerid);
+
+}  // namespace qdq

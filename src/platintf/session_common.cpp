@@ -1,0 +1,110 @@
+// Pieces shared by the session procedures: the connect-thread guard, the
+// address draw, the session socket and the default platform addresses.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+#include "common/clock.h"
+#include "common/log.h"
+#include "platintf/hgprocessplatintf.h"
+#include "platintf/session.h"
+
+namespace qdq {
+
+bool is_newest_connect_thread(int plattype, GuardPoint point) {
+    if (plattype != QDQ_PLAT_CUBE && plattype != QDQ_PLAT_MANAGE) return true;
+    const pthread_t self = pthread_self();
+    if (pthread_equal(platregtid, self)) return true;
+    const unsigned long newest = thread_number(platregtid);
+    const unsigned long cur = thread_number(self);
+    switch (point) {
+    case GuardPoint::BootRound:
+        QDQ_LOG("rereg, is not newst thread, platregtid:%lu\tcurtid:%lu\n", newest, cur);
+        break;
+    case GuardPoint::BootAddress:
+        QDQ_LOG("retry, is not newst thread, platregtid:%lu\tcurtid:%lu\n", newest, cur);
+        break;
+    case GuardPoint::BootSent:
+        QDQ_LOG("send boot, is not newst thread, platregtid:%lu\tcurtid:%lu", newest, cur);
+        break;
+    case GuardPoint::Register:
+        QDQ_LOG("retry, is not newst thread, platregtid:%lu curtid:%lu\n", newest, cur);
+        break;
+    }
+    return false;
+}
+
+int time_seeded_rand() {
+    // rand_r on a seed of the current second: the same draw as reseeding the
+    // process generator with the time, without sharing its state between
+    // the session threads.
+    auto seed = static_cast<unsigned>(std::time(nullptr));
+    return rand_r(&seed);
+}
+
+int pick_address(int count, int last) {
+    if (count <= 1) return 0;
+    for (;;) {
+        int index = time_seeded_rand() % count;
+        if (index != last) return index;
+        // The same second gives the same draw again: wait for the next one
+        // without spinning the processor meanwhile.
+        sleep_for(0.05);
+    }
+}
+
+int session_exchange(int plattype, const platinfo &rec, const char *msg,
+                     char (&reply)[kSessionReplySize], unsigned wait, const char **text) {
+    reply[kSessionReplySize - 1] = '\0';
+    const bool v6 = deviceinfo.ipmode == AF_INET6;
+    const auto type = static_cast<unsigned>(plattype);
+    int ret;
+    if (rec.tcpflag != 0) {
+        ret = v6 ? HGSendTcpRequest_v6(type, msg, reply, wait) : HGSendTcpRequest(type, msg, reply, wait);
+        *text = reply + 4;  // after the frame header
+    } else {
+        ret = v6 ? HGSendUdpRequest_v6(rec.localport, rec.curip, rec.port, msg, reply, wait)
+                 : HGSendUdpRequest(rec.localport, rec.curip, rec.port, msg, reply, wait);
+        *text = reply;
+    }
+    return ret;
+}
+
+void close_session_socket(platinfo *rec, bool shut_down) {
+    // Taken out of the record in one step: a channel ending by itself and a
+    // disconnect from another thread may both get here, and only one of
+    // them may close the number (the other could close a reused one).
+    const int fd = __atomic_exchange_n(&rec->socketfd, -1, __ATOMIC_ACQ_REL);
+    // 0 is never a session socket here: a cleared record holds it.
+    if (fd <= 0) return;
+    if (shut_down) shutdown(fd, SHUT_RDWR);
+    close(fd);
+}
+
+// Default platform addresses, for records whose MgtURL is empty or "0.0.0.0".
+// They are deployment values, taken once from the host daemon's
+// environment: QDQUICK_DEFAULT_CUBE (the cube platform's host name) and
+// QDQUICK_DEFAULT_MANAGE (the manage platform's IPv4 literal). Without them
+// the built-in values below are documentation names that reach no platform,
+// so an unconfigured gateway fails to connect instead of calling a stranger.
+namespace {
+std::string env_or(const char *name, const char *fallback) {
+    const char *v = std::getenv(name);
+    return (v != nullptr && *v != '\0') ? v : fallback;
+}
+}  // namespace
+
+const char *default_cube_address() {
+    static const std::string value = env_or("QDQUICK_DEFAULT_CUBE", "cube.platform.example");
+    return value.c_str();
+}
+
+const char *default_manage_address() {
+    static const std::string value = env_or("QDQUICK_DEFAULT_MANAGE", "192.0.2.1");
+    return value.c_str();
+}
+
+}  // namespace qdq

@@ -1,0 +1,81 @@
+// The configuration table: each bad value is refused with the dotted name of
+// its field, and a full good file lands in the right members.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "config.h"
+
+namespace {
+
+struct BadCase {
+    const char *text;
+    const char *field;  // the error must start with this
+};
+
+const BadCase kBad[] = {
+    {R"({"device": {"serial": ""}})", "device.serial: must not be empty"},
+    {R"({"device": {"serial": 42}})", "device.serial: must be a string"},
+    {R"({"device": {"firmware_version": "0123456789012345678901234567890123456789012345678901234567890123"}})",
+     "device.firmware_version: longer than 63"},
+    {R"({"device": {"ip_mode": 6, "ip_address": "10.0.0.1"}})", "device.ip_address: must be an IPv6"},
+    {R"({"device": {"ip_address": "::1"}})", "device.ip_address: must be an IPv4"},
+    {R"({"device": {"ip_mode": 5}})", "device.ip_mode"},
+    {R"({"device": {"card": 1}})", "device.card: must be true or false"},
+    {R"({"device": {"register_type": 256}})", "device.register_type: must lie between 0 and 255"},
+    {R"({"device": {"colour": "red"}})", "device.colour: unknown field"},
+    {R"({"device": []})", "device: must be an object"},
+    {R"({"platforms": {"cube": {"address": ""}}})", "platforms.cube.address: must not be empty"},
+    {R"({"platforms": {"manage": {"address": "a b"}}})", "platforms.manage.address: must be a host name"},
+    {R"({"platforms": {"manage": {"port": 0}}})", "platforms.manage.port: must lie between 1 and 65535"},
+    {R"({"platforms": {"manage": {"local_port": 1.5}}})", "platforms.manage.local_port: must be a whole number"},
+    {R"({"platforms": {"plugin": {"local_port": 17200}}})", "platforms.plugin.local_port: unknown field"},
+    {R"({"local": {"tcp_port": 65536}})", "local.tcp_port"},
+    {R"({"services": {"manage": "on"}})", "services.manage: must be true or false"},
+    {R"({"retry_seconds": 0})", "retry_seconds: must lie between 1"},
+    {R"({"root": "var/x"})", "root: must be an absolute path"},
+    {R"({"root": "/tmp/a;rm"})", "root: must be an absolute path"},
+    {R"({"logsize": 1})", "logsize: unknown field"},
+    {R"({"device": {"serial": "x"},})", "(file): not a JSON object"},
+};
+
+TEST(DaemonConfig, BadValuesAreRefusedWithTheFieldNamed) {
+    for (const BadCase &c : kBad) {
+        qdd::Config config;
+        std::string error;
+        EXPECT_FALSE(qdd::parse_config(c.text, config, error)) << c.text;
+        EXPECT_EQ(error.rfind(c.field, 0), 0u) << c.text << "\n  gave: " << error;
+    }
+}
+
+TEST(DaemonConfig, GoodFileSetsEveryMember) {
+    const char *text = R"({
+      "root": "/srv/gw",
+      "device": {"serial": "ABC", "mac": "00:11:22:33:44:55", "ip_mode": 6, "ip_address": "fd00::1",
+                 "card": true, "register_type": 3, "pppoe_name": "user"},
+      "platforms": {"cube": {"address": "cube.example", "port": 1, "local_port": 17150},
+                    "plugin": {"address": "10.0.0.9", "port": 65535}},
+      "local": {"tcp_port": 19000, "refuse_tcp_clients": true},
+      "services": {"cube": false, "quick_install": false},
+      "plugins": {"run_after_install": false},
+      "log_size_kib": -1, "retry_seconds": 5})";
+    qdd::Config c;
+    std::string error;
+    ASSERT_TRUE(qdd::parse_config(text, c, error)) << error;
+    EXPECT_EQ(c.root, "/srv/gw");
+    EXPECT_EQ(c.ip_mode, 6);
+    EXPECT_TRUE(c.card);
+    EXPECT_EQ(c.register_type, 3);
+    EXPECT_EQ(c.cube.address, "cube.example");
+    EXPECT_EQ(c.cube.local_port, 17150u);
+    EXPECT_FALSE(c.cube.enabled);
+    EXPECT_EQ(c.manage.port, 60001u);  // absent: default kept
+    EXPECT_EQ(c.plugin.port, 65535u);
+    EXPECT_EQ(c.local_tcp_port, 19000u);
+    EXPECT_TRUE(c.refuse_tcp_clients);
+    EXPECT_FALSE(c.quick_install);
+    EXPECT_FALSE(c.run_after_install);
+    EXPECT_EQ(c.log_size_kib, -1);
+}
+
+}  // namespace

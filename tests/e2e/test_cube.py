@@ -1,0 +1,59 @@
+"""The cube platform and the manage platform's disconnect."""
+
+from __future__ import annotations
+
+import time
+
+import pytest
+
+from conftest import HOST, IN_NETNS, TICK, scaled, wait_until
+
+
+@pytest.mark.skipif(not IN_NETNS, reason="needs the fixed default port, free only in the private namespace")
+def test_cube_default_address_registers_and_wipes_the_manage_record(make_sim, make_host):
+    sim = make_sim(args=["--cube-port=12112"])
+    host = make_host("--manage-addr", "192.0.2.7", "--manage-port", "1", "--connect", "cube")
+    host.wait_event(event="connect_return", plat=1, ret=1)
+    reg = sim.wait(platform="cube", kind="register")
+    assert reg["json"]["RPCMethod"] == "RegisterFirst" and reg["checksn_ok"]
+    cube = host.record("cube")
+    assert (cube["mgturl"], cube["port"], cube["cuberegistered"], cube["socketfd"]) == (HOST, 12112, 1, -1)
+    manage = host.record("manage")
+    assert (manage["mgturl"], manage["port"]) == ("", 0)
+
+
+def test_cube_falls_back_to_tcp_after_unusable_boots(make_sim, make_host):
+    scale = 0.01
+    sim = make_sim({"platforms": {"cube": {"answers": {"BootFirst": [{"raw": "not json"}] * 4}}}}, scale=scale)
+    make_host("--cube-addr", HOST, "--cube-port", str(sim.ports["cube"]), "--connect", "cube", scale=scale)
+    first = sim.wait(platform="cube", kind="register", timeout=20)
+    assert first["transport"] == "tcp"
+    udp = [b["time"] for b in sim.records(platform="cube", kind="boot", transport="udp")]
+    assert len(udp) == 4
+    gaps = [b - a for a, b in zip(udp, udp[1:])]
+    # 60 s, a new round after 3 to 6 minutes, 60 s; then TCP. (The upper
+    # bounds leave room for a loaded machine, well short of the next rule.)
+    assert scaled(60, scale) - TICK <= gaps[0] < scaled(120, scale)
+    assert scaled(180, scale) - TICK <= gaps[1] < scaled(420, scale)
+    assert scaled(60, scale) - TICK <= gaps[2] < scaled(120, scale)
+    # A positive Result over TCP registers the cube again every 180 s.
+    again = sim.wait(platform="cube", kind="register", since=first["seq"], timeout=10)
+    assert again["peer"] == first["peer"]
+    assert again["time"] - first["time"] >= scaled(180, scale) - TICK
+
+
+def test_manage_disconnect_reconnects_after_5s(make_sim, make_host):
+    sim = make_sim()
+    host = make_host("--manage-addr", HOST, "--manage-port", str(sim.ports["manage"]), "--connect", "manage")
+    host.wait_event(event="connect_return", plat=2, ret=1)
+    last = sim.records()[-1]["seq"]
+    start = time.time()
+    assert host.command("disconnect 2", "disconnect_return")["ret"] == 0
+    rec = host.record("manage")
+    assert (rec["status"], rec["regflag"], rec["heartbeatip"], rec["interval"], rec["mgturl"], rec["socketfd"]) == \
+        ("disconnect", 0, "", 0, HOST, -1)
+    # The local request service on the manage port ends with the session.
+    assert wait_until(lambda: host.sockets() == 0, timeout=scaled(4))
+    boot = sim.wait(platform="manage", kind="boot", since=last, timeout=10)
+    assert boot["time"] - start >= scaled(5) - TICK
+    assert wait_until(lambda: host.statuses("manage").count("connected") >= 2)

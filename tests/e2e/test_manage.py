@@ -1,0 +1,114 @@
+"""The manage platform: UDP session, heartbeats, the platform's verdicts."""
+
+from __future__ import annotations
+
+import pytest
+
+from conftest import HOST, MULTI, TICK, free_port, scaled, wait_until
+
+
+def manage_args(sim, *extra: str) -> tuple[str, ...]:
+    return ("--manage-addr", HOST, "--manage-port", str(sim.ports["manage"]), *extra)
+
+
+def connect_manage_udp(make_sim, make_host, script):
+    sim = make_sim(script)
+    host = make_host(*manage_args(sim, "--manage-localport", "17150", "--connect", "manage"))
+    host.wait_event(event="connect_return", plat=2, ret=1)
+    boot, reg = sim.wait(platform="manage", kind="boot"), sim.wait(platform="manage", kind="register")
+    assert boot["transport"] == reg["transport"] == "udp"
+    assert boot["peer"] == reg["peer"] == f"{HOST}:17150"
+    assert reg["checksn_ok"] and reg["userid_ok"]
+    # Heartbeats go from the local port to the Register reply's address.
+    hbs, since = [], reg["seq"]
+    for _ in range(3):
+        hbs.append(sim.wait(platform="manage", kind="heartbeat", since=since))
+        since = hbs[-1]["seq"]
+    assert all(h["peer"] == f"{HOST}:17150" and h["json"]["RPCMethod"] == "Hb" for h in hbs)
+    return sim, host, reg, hbs
+
+
+def test_udp_heartbeat_replies_reach_the_local_service(make_sim, make_host):
+    # The answer comes a (scaled) second later, as over a real network: an
+    # instant one may still find the heartbeat's own socket bound to the
+    # local port, and die with it.
+    script = {"platforms": {"manage": {"interval": 10, "answers": {"Hb": [{"delay": 1}] * 3}}}}
+    _, host, _, hbs = connect_manage_udp(make_sim, make_host, script)
+    # The first heartbeat announces the address; once answered, no more.
+    assert [(h["json"]["FLAG"], "IPAddr" in h["json"]) for h in hbs] == [("1", True), ("0", False), ("0", False)]
+    assert all(b["time"] - a["time"] >= scaled(10) - TICK for a, b in zip(hbs, hbs[1:]))
+    assert host.statuses("manage")[:5] == ["connecting", "registering", "connected", "heartbeating", "wait_heatbeat"]
+
+
+def test_udp_heartbeat_timeouts_connect_anew(make_sim, make_host):
+    silent = {"platforms": {"manage": {"answers": {"Hb": ["silence"] * 3}}}}
+    sim, host, reg, hbs = connect_manage_udp(make_sim, make_host, silent)
+    # Each heartbeat times out after 20 s and is retried after 1 s; the
+    # third time-out connects the platform anew.
+    assert all(h["json"]["FLAG"] == "1" and "IPAddr" in h["json"] for h in hbs)
+    assert all(b["time"] - a["time"] >= scaled(21) - TICK for a, b in zip(hbs, hbs[1:]))
+    sim.wait(platform="manage", kind="register", since=reg["seq"])
+    assert wait_until(lambda: len(host.statuses("manage")) >= 13)
+    assert host.statuses("manage")[:13] == [
+        "connecting", "registering", "connected",
+        "heartbeating", "try_connect_failed", "heartbeating", "try_connect_failed",
+        "heartbeating", "try_connect_failed", "disconnect", "connecting", "registering", "connected"]
+
+
+@pytest.mark.parametrize("answer, ret, registers", [
+    ({"Register": [{"Result": -2}]}, -2, 1),             # boot again: returned at once
+    ({"Register": [{"Result": 0}]}, 0, 1),               # registered, but no session
+    ({"Boot": [{"Result": -4}]}, -1, 0),                 # UDP refused: TCP Boot, which stops
+])
+def test_platform_verdicts_end_the_connect(make_sim, make_host, answer, ret, registers):
+    sim = make_sim({"platforms": {"manage": {"answers": answer}}})
+    host = make_host(*manage_args(sim, "--connect", "manage"))
+    host.wait_event(event="connect_return", plat=2, ret=ret)
+    assert host.statuses("manage")[-1] == "connect_failed"
+    assert len(sim.records(platform="manage", kind="register")) == registers
+    boots = [b["transport"] for b in sim.records(platform="manage", kind="boot")]
+    assert boots == (["udp", "tcp"] if "Boot" in answer else ["udp"])
+    if "Boot" in answer:
+        # The TCP connection of the refused fallback is not left open.
+        assert wait_until(lambda: any(r.get("note") == "closed by peer" for r in
+                                      sim.records(platform="manage", transport="tcp", direction="event")))
+        assert host.sockets() == 0
+
+
+def test_wrong_checksn_is_retried_every_second_until_accepted(make_sim, make_host):
+    scale = 0.1  # the retry's reply wait is 1 s: keep it well above loopback latency
+    sim = make_sim(scale=scale)
+    host = make_host(*manage_args(sim, "--serial", "NOT-THE-SERIAL", "--connect", "manage"), scale=scale)
+    regs, since = [], 0
+    for _ in range(3):
+        regs.append(sim.wait(platform="manage", kind="register", since=since))
+        since = regs[-1]["seq"]
+    assert not any(r["checksn_ok"] for r in regs)
+    assert all(b["time"] - a["time"] >= scaled(1, scale) - TICK for a, b in zip(regs, regs[1:]))
+    assert "connected" not in host.statuses("manage")
+    sim.control(cmd="script", script={"platforms": {"manage": {"answers": {"Register": [{"Result": 1}]}}}})
+    host.wait_event(event="connect_return", plat=2, ret=1)
+
+
+def test_plugin_server_in_register_reply_connects_the_plugin_platform(make_sim, make_host):
+    sim = make_sim({"platforms": {"manage": {"extra": {"Register": {"PluginServer": "${PLUGIN}"}}}}})
+    host = make_host(*manage_args(sim, "--connect", "manage"))
+    reg = sim.wait(platform="plugin", kind="register", timeout=10)
+    assert reg["transport"] == "tcp" and reg["checksn_ok"]
+    host.wait_event(event="status", plat=3, status="connected")
+    assert host.record("plugin")["port"] == sim.ports["plugin"]
+
+
+@pytest.mark.skipif(not MULTI, reason="needs the private hosts file of the network namespace")
+def test_result_minus5_moves_the_boot_to_another_address(make_sim, make_host):
+    port = free_port("127.0.0.3")
+    script = {"platforms": {"manage": {"answers": {"Boot": [{"Result": -5}]}}}}
+    sims = [make_sim(script, ["--bind", a, f"--manage-port={port}"]) for a in ("127.0.0.2", "127.0.0.3")]
+    host = make_host("--manage-addr", MULTI, "--manage-port", str(port), "--connect", "manage")
+    host.wait_event(event="connect_return", plat=2, ret=1, timeout=15)
+    boots = sorted((r["time"], i) for i, s in enumerate(sims) for r in s.records(kind="boot"))
+    order = [i for _, i in boots[:3]]
+    # -5 at one address, -5 at the other, then the first one answers.
+    assert order[0] != order[1] and order[2] == order[0], boots
+    assert len(sims[order[0]].records(kind="register")) >= 1
+    assert host.record("manage")["curip"] == ("127.0.0.2", "127.0.0.3")[order[0]]

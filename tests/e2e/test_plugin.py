@@ -1,0 +1,75 @@
+"""The plugin platform: TCP session and its persistent channel."""
+
+from __future__ import annotations
+
+import time
+
+import pytest
+
+from conftest import HOST, TICK, scaled, wait_until
+
+
+def start_plugin(make_sim, make_host, script=None):
+    sim = make_sim(script)
+    host = make_host("--plugin-addr", HOST, "--plugin-port", str(sim.ports["plugin"]), "--connect", "plugin")
+    host.wait_event(event="status", plat=3, status="wait_heatbeat")
+    return sim, host
+
+
+def closes(sim):
+    return [r for r in sim.records(platform="plugin", direction="event") if r.get("note", "").startswith("closed")]
+
+
+def test_channel_carries_heartbeats_and_commands_and_survives_a_close(make_sim, make_host):
+    sim, host = start_plugin(make_sim, make_host,
+                             {"platforms": {"plugin": {"answers": {"Heartbeat": ["answer", "answer", "close"]}}}})
+    records = sim.records(platform="plugin")
+    assert {r["transport"] for r in records} == {"tcp"}
+    assert len({r["peer"] for r in records}) == 1  # Boot, Register and heartbeats on one connection
+    assert host.statuses("plugin")[:5] == ["connecting", "registering", "connected", "heartbeating", "wait_heatbeat"]
+    sockets = host.sockets()
+
+    # A command from the platform is answered on the channel.
+    assert "Result" in sim.push("plugin", message={"RPCMethod": "ListPlugin", "ID": "1"})["json"]
+
+    # The platform closes the channel (third heartbeat): the gateway
+    # connects again 5 s later, on a new connection, without a leak.
+    closed = wait_until(lambda: closes(sim))
+    assert closed and closed[0]["note"] == "closed by simulator"
+    boot = sim.wait(platform="plugin", kind="boot", since=closed[0]["seq"], timeout=10)
+    assert boot["time"] - closed[0]["time"] >= scaled(5) - TICK
+    connected = [r for r in sim.records(platform="plugin", direction="event") if r["note"] == "connected"]
+    assert len(connected) == 2
+    host.wait_event(event="status", plat=3, status="wait_heatbeat", since=len(host.events) - 1)
+    assert host.sockets() == sockets
+
+
+@pytest.mark.parametrize("text, ends", [
+    ('{"RPCMethod":"Disconnect","ID":"7"}', True),
+    ('{"RPCMethod": "Disconnect","ID":"7"}', False),  # not the exact text: a worker answers it
+])
+def test_disconnect_command(make_sim, make_host, text, ends):
+    sim, host = start_plugin(make_sim, make_host)
+    reply = sim.push("plugin", text=text)
+    assert "Result" in reply["json"]
+    if ends:
+        host.wait_event(event="status", plat=3, status="disconnect")
+        sim.wait(platform="plugin", kind="boot", since=reply["seq"], timeout=10)
+    else:
+        time.sleep(scaled(10))
+        assert "disconnect" not in host.statuses("plugin") and len(sim.records(kind="boot")) == 1
+
+
+def test_host_disconnect_cancels_the_channel(make_sim, make_host):
+    sim, host = start_plugin(make_sim, make_host)
+    assert host.command("disconnect 3", "disconnect_return")["ret"] == 0
+    assert wait_until(lambda: closes(sim))[0]["note"] == "closed by peer"
+    rec = host.record("plugin")
+    assert (rec["status"], rec["regflag"], rec["socketfd"], rec["heartbeatip"], rec["interval"]) == \
+        ("disconnect", 0, -1, "", 0)
+    assert wait_until(lambda: host.sockets() == 0)
+    # The loop's thread (the host's connect thread) ended by cancellation,
+    # and nothing reconnects the plugin platform.
+    time.sleep(scaled(40))
+    assert len(sim.records(kind="boot")) == 1
+    assert not any(e.get("event") == "connect_return" for e in host.events)

@@ -1,0 +1,126 @@
+// Session procedures without a platform: the thread guard, the address
+// draw, connect refusals, and stopping a channel loop from another thread
+// without leaking a descriptor or a lock.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+
+#include "common/timer.h"
+#include "net_helpers.h"
+#include "platintf/session.h"
+#include "test_env.h"
+
+namespace {
+
+class Session : public ::testing::Test {
+protected:
+    void SetUp() override {
+        timerflag = 1;  // timers are armed and inspected, never run
+        AppInitTimerModule();
+        for (platinfo *p : {&cubeplatinfo, &manageplatinfo, &pluginplatinfo}) {
+            std::memset(p, 0, sizeof *p);
+            p->socketfd = -1;
+        }
+        deviceinfo.ipmode = AF_INET;
+        platregtid = pthread_self();
+    }
+    static int armed(int id) {
+        qdq::TimerGuard guard;
+        int i = qdq::timer_index(id);
+        return i < 0 ? -1 : g_timer[i].left_time;
+    }
+    static std::string log() { return qdq_test::read_file(qdq_test::in_root("/var/shrcadlog.txt")); }
+};
+
+TEST_F(Session, ProceduresGiveUpWhenANewerConnectThreadTookOver) {
+    pthread_t other;
+    ASSERT_EQ(pthread_create(&other, nullptr, [](void *) -> void * { return nullptr; }, nullptr), 0);
+    pthread_join(other, nullptr);
+    platregtid = other;
+    for (int type : {QDQ_PLAT_CUBE, QDQ_PLAT_MANAGE}) {
+        std::snprintf(getPlatInfo(type)->MgtURL, 128, "127.0.0.1");
+        EXPECT_EQ(HgProcessBoot(type), kSessionSuperseded) << type;
+        EXPECT_EQ(HgProcessRegister(type), kSessionSuperseded) << type;
+    }
+    EXPECT_NE(log().find("rereg, is not newst thread"), std::string::npos);
+    EXPECT_NE(log().find("retry, is not newst thread, platregtid:"), std::string::npos);
+    // The plugin platform has no guard: it goes on (to an empty address).
+    EXPECT_EQ(HgProcessBoot(QDQ_PLAT_PLUGIN), kSessionNoAddress);
+    EXPECT_EQ(armed(qdq::kTimerConnectPlugin), 5);
+    EXPECT_STREQ(pluginplatinfo.status, "try_connect_failed");
+}
+
+TEST_F(Session, AddressDrawAndFamilyCheck) {
+    EXPECT_EQ(qdq::pick_address(1, 0), 0);
+    // A draw equal to the last one is repeated (up to a second later).
+    EXPECT_EQ(qdq::pick_address(2, 1), 0);
+    int i = qdq::pick_address(3, 0);
+    EXPECT_TRUE(i == 1 || i == 2) << i;
+    // An address that resolves but is no IPv4 literal by the gateway's test.
+    std::snprintf(manageplatinfo.MgtURL, 128, "0.1.2.3");
+    EXPECT_EQ(HgProcessBoot(QDQ_PLAT_MANAGE), kSessionWrongFamily);
+}
+
+TEST_F(Session, ConnectRefusalsAndTheManageConnectClearingThePluginRecord) {
+    manageplatinfo.isinreg = 1;
+    EXPECT_EQ(HGConnectManagePlat(&manageplatinfo), kSessionSuperseded);
+    pluginplatinfo.isinreg = 1;
+    pluginplatinfo.port = 4;
+    EXPECT_EQ(HGConnectPluginPlat(), 0);
+    EXPECT_EQ(pluginplatinfo.port, 4u);
+
+    manageplatinfo.isinreg = 0;
+    std::snprintf(manageplatinfo.MgtURL, 128, "0.1.2.3");
+    pluginplatinfo.regflag = 1;
+    EXPECT_EQ(HGConnectManagePlat(&manageplatinfo), kSessionWrongFamily);
+    EXPECT_EQ(pluginplatinfo.port, 0u);
+    EXPECT_EQ(pluginplatinfo.regflag, 0);
+    EXPECT_STREQ(manageplatinfo.status, "connect_failed");
+    EXPECT_EQ(manageplatinfo.isinreg, 0);
+    EXPECT_EQ(manageplatinfo.port, 60001u);
+    EXPECT_GE(manageplatinfo.localport, 17100u);
+    EXPECT_LE(manageplatinfo.localport, 17198u);
+}
+
+struct LoopRun {
+    pthread_t thread;
+    static void *body(void *) {
+        HgProcessPlatTcpConnect(QDQ_PLAT_PLUGIN);
+        return nullptr;
+    }
+};
+
+TEST_F(Session, DisconnectStopsABlockedLoopWithoutLeaks) {
+    // Idle, and inside a half-sent frame (16 bytes announced, 6 sent).
+    for (const std::string &stall : {std::string(), std::string("\0\0\0\x10{\"half", 10)}) {
+        SCOPED_TRACE(stall.size());
+        const long fds = net::open_fds();
+        int pair[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+        pluginplatinfo.socketfd = pair[0];
+        pluginplatinfo.regflag = 1;
+        pluginplatinfo.tid = pthread_t{};
+        LoopRun run;
+        ASSERT_EQ(pthread_create(&run.thread, nullptr, LoopRun::body, nullptr), 0);
+        send(pair[1], stall.data(), stall.size(), 0);
+        while (!pthread_equal(pluginplatinfo.tid, run.thread)) usleep(1000);
+        usleep(50000);  // in the wait (or the read) now
+        EXPECT_EQ(HGDisconnectPlat(QDQ_PLAT_PLUGIN), 0);
+        void *ret = nullptr;
+        pthread_join(run.thread, &ret);
+        EXPECT_EQ(ret, PTHREAD_CANCELED);
+        EXPECT_EQ(pluginplatinfo.socketfd, -1);
+        close(pair[1]);
+        EXPECT_EQ(net::open_fds(), fds);
+        EXPECT_EQ(pthread_mutex_trylock(&tcpreq_mutex), 0);
+        pthread_mutex_unlock(&tcpreq_mutex);
+        // The record still names the finished thread: it is not cancelled.
+        EXPECT_EQ(HGDisconnectPlat(QDQ_PLAT_PLUGIN), 0);
+        EXPECT_EQ(qdq::cancel_channel_thread(QDQ_PLAT_PLUGIN, run.thread), -1);
+    }
+}
+
+}  // namespace
