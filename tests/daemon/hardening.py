@@ -76,5 +76,18 @@ def answers_and_settles(g: Gateway, base: tuple[int, int], timeout: float = 30) 
     counts come back to the baseline."""
     assert local_tcp({"RPCMethod": "ListPlugin", "ID": "probe"})["Result"] == 0
     pid = g.daemon.popen.pid
-    eventually(lambda: (c := counts(pid))[0] <= base[0] and c[1] <= base[1], timeout,
-               f"threads and descriptors back to {base} (now {counts(pid)})")
+    try:
+        eventually(lambda: (c := counts(pid))[0] <= base[0] and c[1] <= base[1], timeout, "")
+    except AssertionError:
+        raise AssertionError(f"threads and descriptors not back to {base}: now {counts(pid)}, "
+                             f"descriptors {describe_fds(pid)}") from None
+
+
+def describe_fds(pid: int) -> list[str]:
+    out = []
+    for fd in sorted(os.listdir(f"/proc/{pid}/fd"), key=int):
+        try:
+            out.append(f"{fd}:{os.readlink(f'/proc/{pid}/fd/{fd}')}")
+        except OSError:
+            pass
+    return out
