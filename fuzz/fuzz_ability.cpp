@@ -30,8 +30,7 @@ std::string member_text(const cJSON *obj, const char *key) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const bool ready = (qdq_fuzz::setup(), true);
-    (void)ready;
+    const qdq_fuzz::Input input;
     if (size < 1) return 0;
     const Envelope &env = kEnvelopes[(data[0] & 0x7f) % (sizeof kEnvelopes / sizeof kEnvelopes[0])];
     const bool raw = (data[0] & 0x80) != 0;

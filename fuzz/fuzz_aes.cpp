@@ -19,8 +19,7 @@ constexpr size_t kHexOut = 513;
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const bool ready = (qdq_fuzz::setup(), true);
-    (void)ready;
+    const qdq_fuzz::Input input;
     if (size < 1) return 0;
     const std::string text = qdq_fuzz::text(data + 1, size - 1);
     std::unique_ptr<char[]> out(new char[kTextOut]);

@@ -43,6 +43,7 @@ void round_trip(const uint8_t *data, size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    const qdq_fuzz::Input input;
     if (size < 1) return 0;
     if (data[0] & 1)
         round_trip(data + 1, size - 1);

@@ -21,8 +21,7 @@ std::string take_line(std::string &rest) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const bool ready = (qdq_fuzz::setup(), true);
-    (void)ready;
+    const qdq_fuzz::Input input;
     // The descriptor is a file: NUL bytes in it are read like any other.
     std::string rest(reinterpret_cast<const char *>(data), size);
     const std::string name = take_line(rest);

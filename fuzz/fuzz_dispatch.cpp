@@ -9,8 +9,7 @@
 #include "support/harness.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const bool ready = (qdq_fuzz::setup(), true);
-    (void)ready;
+    const qdq_fuzz::Input input;
     if (size < 1) return 0;
     static const int kTypes[] = {QDQ_PLAT_MANAGE, QDQ_PLAT_PLUGIN, QDQ_PLAT_LOCALTCP, QDQ_PLAT_LOCALUDP};
     int type = kTypes[data[0] % 4];

@@ -12,8 +12,7 @@
 #include "support/harness.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const bool ready = (qdq_fuzz::setup(), true);
-    (void)ready;
+    const qdq_fuzz::Input input;
     int sv[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) qdq_fuzz::fail("socketpair");
     qdq::Fd reader(sv[0]), writer(sv[1]);

@@ -13,8 +13,7 @@
 #include "support/harness.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const bool ready = (qdq_fuzz::setup(), true);
-    (void)ready;
+    const qdq_fuzz::Input input;
     const std::string datagram = qdq_fuzz::text(data, size < 512 ? size : 512);
     int sv[2];
     if (socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, sv) != 0) qdq_fuzz::fail("socketpair");

@@ -10,8 +10,7 @@
 #include "support/terminated.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const bool ready = (qdq_fuzz::setup(), true);
-    (void)ready;
+    const qdq_fuzz::Input input;
     if (size < 1) return 0;
     const std::string reply = qdq_fuzz::text(data + 1, size - 1);
     const char *text = reply.c_str();

@@ -16,6 +16,17 @@ namespace qdq_fuzz {
 // are read once): private root, clock scale, host callbacks.
 void setup();
 
+// The scope of one input: sets the process up on first use, and marks the
+// time in which a shell command can only have come from the library (the
+// engine runs commands of its own, for merging, outside it).
+class Input {
+public:
+    Input();
+    ~Input();
+    Input(const Input &) = delete;
+    Input &operator=(const Input &) = delete;
+};
+
 // Before each input: records, module globals, timer table and the platform
 // double back to their baseline.
 void reset();
