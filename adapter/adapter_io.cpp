@@ -27,10 +27,6 @@ void copy_text(char *dst, std::size_t cap, std::string_view text) {
     dst[n] = '\0';
 }
 
-void UniqueFd::reset(int fd) {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = fd;
-}
 
 bool write_all(int fd, std::string_view data) {
     while (!data.empty()) {

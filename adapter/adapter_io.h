@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "common/socket.h"
 #include "qdquick/qdq_export.h"
 
 namespace qdp {
@@ -19,32 +20,6 @@ void warn(const char *fmt, ...) QDQ_PRINTF(1, 2);
 // Copies at most cap - 1 characters of text and a NUL into dst (cap > 0).
 void copy_text(char *dst, std::size_t cap, std::string_view text);
 
-// A descriptor closed when it goes out of scope.
-class UniqueFd {
-public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd) {}
-    ~UniqueFd() { reset(); }
-    UniqueFd(UniqueFd &&other) noexcept : fd_(other.release()) {}
-    UniqueFd &operator=(UniqueFd &&other) noexcept {
-        if (this != &other) reset(other.release());
-        return *this;
-    }
-    UniqueFd(const UniqueFd &) = delete;
-    UniqueFd &operator=(const UniqueFd &) = delete;
-
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-    int release() {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-    void reset(int fd = -1);
-
-private:
-    int fd_ = -1;
-};
 
 // Writes all of data to fd (retrying short writes and EINTR).
 bool write_all(int fd, std::string_view data);

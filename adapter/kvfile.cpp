@@ -72,7 +72,7 @@ bool kv_set(const std::string &file, std::string_view key, std::string_view valu
     if (!replaced) content.append(key).append("=").append(value).append("\n");
 
     std::string tmp = file + ".XXXXXX";
-    UniqueFd fd(::mkostemp(tmp.data(), O_CLOEXEC));
+    qdq::Fd fd(::mkostemp(tmp.data(), O_CLOEXEC));
     if (!fd) {
         warn("cannot write %s: %s", file.c_str(), std::strerror(errno));
         return false;

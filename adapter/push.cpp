@@ -47,7 +47,7 @@ extern "C" QDQ_API int HgPushUpgradeMessage(int type, upgrademsg *message) {
                            "\" upgradeid=\"" + field(message->upgradeid) + "\" name=\"" +
                            field(message->name) + "\"\n";
         const std::string log = qdq::path(kPushLog);
-        qdp::UniqueFd fd(::open(log.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
+        qdq::Fd fd(::open(log.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
         // One write per record: appends of concurrent pushes do not interleave.
         if (!fd || !qdp::write_all(fd.get(), line)) {
             qdp::warn("HgPushUpgradeMessage: cannot write %s: %s", log.c_str(),

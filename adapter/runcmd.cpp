@@ -27,10 +27,10 @@ constexpr int kMaxWords = 63;
 
 // Moves a descriptor above 0..2, so dup2 onto standard output in the child
 // can never overwrite it (the host may run with standard streams closed).
-qdp::UniqueFd above_stdio(int fd) {
-    if (fd < 0 || fd > 2) return qdp::UniqueFd(fd);
-    qdp::UniqueFd low(fd);
-    return qdp::UniqueFd(::fcntl(fd, F_DUPFD_CLOEXEC, 3));
+qdq::Fd above_stdio(int fd) {
+    if (fd < 0 || fd > 2) return qdq::Fd(fd);
+    qdq::Fd low(fd);
+    return qdq::Fd(::fcntl(fd, F_DUPFD_CLOEXEC, 3));
 }
 
 // Between fork and exec only async-signal-safe calls.
@@ -59,7 +59,7 @@ qdp::UniqueFd above_stdio(int fd) {
 int run(char *const argv[], const std::string &outfile) {
     // A cancellation inside would leak the descriptors and leave a zombie.
     qdq::NoCancel no_cancel;
-    qdp::UniqueFd out;
+    qdq::Fd out;
     if (!outfile.empty()) {
         out = above_stdio(::open(outfile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
         if (!out) {
@@ -74,8 +74,8 @@ int run(char *const argv[], const std::string &outfile) {
         qdp::warn("RunSystemCmd: pipe: %s", std::strerror(errno));
         return -1;
     }
-    qdp::UniqueFd rd = above_stdio(p[0]);
-    qdp::UniqueFd wr = above_stdio(p[1]);
+    qdq::Fd rd = above_stdio(p[0]);
+    qdq::Fd wr = above_stdio(p[1]);
     if (!rd || !wr) return -1;
 
     pid_t pid = ::fork();

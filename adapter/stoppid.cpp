@@ -25,7 +25,7 @@ struct DirCloser {
 
 // Up to 4 KiB of a /proc file; "" when it cannot be read (process gone).
 std::string read_proc(const std::string &file) {
-    qdp::UniqueFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    qdq::Fd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd) return "";
     char buf[4096];
     ssize_t n;

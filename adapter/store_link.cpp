@@ -29,7 +29,7 @@ int wait_fd(int fd, short events, Deadline deadline) {
 }
 
 // A connected non-blocking TCP socket to one of the server's addresses.
-UniqueFd connect_tcp(const char *server, int port, Deadline deadline, std::string &why) {
+qdq::Fd connect_tcp(const char *server, int port, Deadline deadline, std::string &why) {
     struct addrinfo hints {};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
@@ -39,12 +39,12 @@ UniqueFd connect_tcp(const char *server, int port, Deadline deadline, std::strin
     int rc = ::getaddrinfo(server, service.c_str(), &hints, &list);
     if (rc != 0) {
         why = std::string("cannot resolve: ") + gai_strerror(rc);
-        return UniqueFd();
+        return qdq::Fd();
     }
     std::unique_ptr<struct addrinfo, decltype(&freeaddrinfo)> owned(list, freeaddrinfo);
     why = "no address";
     for (struct addrinfo *ai = list; ai != nullptr; ai = ai->ai_next) {
-        UniqueFd fd(::socket(ai->ai_family, ai->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, ai->ai_protocol));
+        qdq::Fd fd(::socket(ai->ai_family, ai->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, ai->ai_protocol));
         if (!fd) {
             why = std::string("socket: ") + std::strerror(errno);
             continue;
@@ -57,7 +57,7 @@ UniqueFd connect_tcp(const char *server, int port, Deadline deadline, std::strin
         int ready = wait_fd(fd.get(), POLLOUT, deadline);
         if (ready == 0) {
             why = "connect timed out";
-            return UniqueFd();  // the time is used up for every other address too
+            return qdq::Fd();  // the time is used up for every other address too
         }
         int err = 0;
         socklen_t len = sizeof err;
@@ -65,7 +65,7 @@ UniqueFd connect_tcp(const char *server, int port, Deadline deadline, std::strin
         if (err == 0) return fd;
         why = std::string("connect: ") + std::strerror(err);
     }
-    return UniqueFd();
+    return qdq::Fd();
 }
 
 bool is_address(const char *text) {

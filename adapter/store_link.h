@@ -43,7 +43,7 @@ private:
     // Waits for the SSL call's want; false (why set) on time-out or error.
     bool wait_for_ssl(int ret, Deadline deadline, std::string &why, bool &closed);
 
-    UniqueFd fd_;
+    qdq::Fd fd_;
     std::unique_ptr<SSL_CTX, SslCtxFree> ctx_;
     std::unique_ptr<SSL, SslFree> ssl_;
 };

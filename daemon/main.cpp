@@ -199,6 +199,7 @@ int main(int argc, char **argv) {
 
     const quickevcb_t callbacks = qdd::host_callbacks();
     initQdQuick(&callbacks);
+    qdd::plugin_hooks_register();
     qdd::fill_device(config);
     qdd::plugins_configure(config.run_after_install);
     qdd::sessions_configure(config);

@@ -21,6 +21,9 @@ int plugin_stop(const char *name, const char *version);
 
 // One object per known plugin: "Plugin_Name", "Version", "Status".
 void plugins_add_to_list(cJSON *list);
+
+// Registers the functions above as the library's plugin hooks.
+void plugin_hooks_register();
 cJSON *plugins_to_json();
 
 // Shutdown: stops every plugin this daemon started.

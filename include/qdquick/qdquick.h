@@ -320,6 +320,29 @@ QDQ_API int StopProcessTcpRequest(void);
 
 /* ---- Plugins --------------------------------------------------------------- */
 
+/* Plugin hooks. The facade below answers the platform's plugin commands with
+ * fixed results and leaves the plugin work to its host. A host that does the
+ * work (for example starts HgDownLoadCpluginAndProcess for an accepted
+ * install) registers hooks: each entry point calls its hook when one is set
+ * and answers with the hook's result, else keeps its fixed answer.
+ *   install   <- HgInstallPlugin      run    <- HgPluginRun
+ *   stop      <- HgPluginStop         uninstall <- HgUnInstallPlugin
+ *   status    <- HgSetCpluginStatus   list   <- HgGetCPlugin (adds entries)
+ * Any hook may be NULL. Hooks run on the library's command threads. */
+typedef struct qdqpluginhooks_t {
+    int (*install)(int os, const char *name, const char *version, const char *url, int size,
+                   const char *upgradeid);
+    int (*run)(const char *name, const char *version);
+    int (*stop)(const char *name, const char *version);
+    int (*uninstall)(const char *name, const char *version);
+    void (*status)(const char *name, const char *version, const char *status, const char *upgradeid);
+    void (*list)(struct cJSON *list);
+} qdqpluginhooks_t;
+
+/* Copies the hooks (NULL clears them all). Safe at any time, but a command
+ * already running may still see the previous set. Returns 0. */
+QDQ_API int HgSetPluginHooks(const qdqpluginhooks_t *hooks);
+
 QDQ_API void HgGenerateUuid(char *uuid);
 QDQ_API int HgGetEuid(const char *name, const char *version, char *euid);
 QDQ_API int HgGetBundleId(const char *name, const char *version, char *bundleid);

@@ -234,7 +234,8 @@ class AppStoreServer:
                 sent = None
             except OSError:
                 sent = False
-            rec.add("appstore", "https", "out", peer, outcome.text, status=outcome.status, sent=sent)
+            rec.add("appstore", "https", "out", peer, outcome.text, kind=outcome.kind, status=outcome.status,
+                    sent=sent)
         elif outcome.action == "silence":
             _hold_until_closed(conn)
 

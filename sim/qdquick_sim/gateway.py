@@ -2,9 +2,9 @@
 the default configuration of qdquickd (daemon/qdquickd.json): the cube,
 manage and plugin platforms and the message server on their usual ports,
 a package server with the sample plugin, the local job manager, and the app
-store when the simulator has one. The manage platform names the plugin
-platform in its Register answer; the plugin platform then orders the
-install of the sample plugin."""
+store over HTTPS (on 443, the library's app store port, unless told). The
+manage platform names the plugin platform in its Register answer; the
+plugin platform then orders the install of the sample plugin."""
 
 from __future__ import annotations
 
@@ -25,6 +25,8 @@ from .recorder import stderr_echo
 from .script import Script, ScriptError
 
 HOST = "127.0.0.1"
+# The daemon has no app store setting: the library talks to the store on 443.
+APPSTORE_PORT = 443
 SAMPLE_BUNDLE = "com.qdquick.example.sample"
 SAMPLE_VERSION = "1.0"
 SAMPLE_FILE = "sample-1.0.cpk"
@@ -47,7 +49,9 @@ def parse_args(argv: list[str]) -> argparse.Namespace:
     p.add_argument("--no-install", action="store_true", help="do not order the sample plugin's install")
     p.add_argument("--install-delay", type=float, default=2.0, metavar="S",
                    help="seconds after the plugin Register before the Install (default 2, scaled)")
-    p.add_argument("--no-appstore", action="store_true", help="leave the app store out even if available")
+    p.add_argument("--appstore-port", type=int, default=APPSTORE_PORT, metavar="PORT",
+                   help=f"app store over HTTPS (default {APPSTORE_PORT}, the library's; 0 = any free port)")
+    p.add_argument("--no-appstore", action="store_true", help="leave the app store out")
     p.add_argument("--control-port", type=int, metavar="PORT", help="control port on 127.0.0.1 (default off)")
     p.add_argument("--record", metavar="FILE", help="append every message as one JSON line to FILE")
     p.add_argument("--time-scale", type=float, default=1.0, metavar="F",
@@ -69,17 +73,18 @@ def gateway_script(args: argparse.Namespace, package_url: str, size: int) -> dic
     return script
 
 
-def _appstore(args: argparse.Namespace, recorder: NarratingRecorder, stop: threading.Event) -> Any:
-    """The app store, when this simulator has one (module qdquick_sim.appstore
-    offering start_for_gateway(recorder, stop) -> a server with stop())."""
+def _appstore(args: argparse.Namespace, sim: Simulator) -> bool:
+    """Binds the app store; one that cannot be bound (443 without privileges)
+    is left out with a warning rather than stopping the whole gateway."""
     if args.no_appstore:
-        return None
+        return False
     try:
-        from . import appstore  # type: ignore[attr-defined]
-    except ImportError:
-        return None
-    start = getattr(appstore, "start_for_gateway", None)
-    return start(recorder, stop) if start is not None else None
+        sim.bind_appstore(args.appstore_port)
+    except OSError as exc:
+        print(f"qdquick-sim: app store left out: {exc} (--appstore-port PORT, or --no-appstore)",
+              file=sys.stderr)
+        return False
+    return True
 
 
 def main(argv: list[str]) -> int:
@@ -119,10 +124,12 @@ def main(argv: list[str]) -> int:
         return 1
     for server in extras:
         server.start()
-    store = _appstore(args, recorder, stop)
+    store = _appstore(args, sim)
     print(f"qdquick-sim gateway packages={HOST}:{packages.port} jobmanager={HOST}:{jobmanager.port}"
-          f" appstore={'on' if store is not None else 'off'}", flush=True)
+          f" appstore={'on' if store else 'off'}", flush=True)
+    # The simulator runs and stops the app store with its own servers and
+    # prints where its CA certificate is, after the ready line.
     status = sim.run()
-    for server in [*extras, *([store] if store is not None else [])]:
+    for server in extras:
         server.stop()
     return status

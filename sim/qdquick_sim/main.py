@@ -97,16 +97,25 @@ class Simulator:
             ctx.ports["control"] = control_sock.getsockname()[1]
             self.control = ControlServer(ctx, control_sock, self.platforms)
         if config.appstore_port is not None:
-            self._bind_appstore(config)
+            self.bind_appstore(config.appstore_port)
 
-    def _bind_appstore(self, config: Config) -> None:
-        directory = config.appstore_cert_dir
-        if directory is None:
-            directory = self._cert_tmp = tempfile.mkdtemp(prefix="qdquick-sim-")
-        self.cert = make_certificate(directory, [config.advertise, config.bind])
-        sock = _listener(config.bind, config.appstore_port)
+    def bind_appstore(self, port: int) -> None:
+        """The app store on `port` with a fresh certificate. Gateway mode calls
+        it on its own: a port it may not bind (443 needs privileges) leaves
+        only the store out there."""
+        config = self.ctx.config
+        sock = _listener(config.bind, port)
+        try:
+            directory = config.appstore_cert_dir
+            if directory is None:
+                directory = self._cert_tmp = tempfile.mkdtemp(prefix="qdquick-sim-")
+            cert = make_certificate(directory, [config.advertise, config.bind])
+        except OSError:
+            sock.close()
+            raise
+        self.cert = cert
         self.ctx.ports["appstore"] = sock.getsockname()[1]
-        self.appstore = AppStoreServer(self.ctx, sock, self.cert)
+        self.appstore = AppStoreServer(self.ctx, sock, cert)
 
     def cleanup(self) -> None:
         if self._cert_tmp is not None:

@@ -1,6 +1,6 @@
 """Readable lines for a person watching a whole gateway: one line per
 registration, the first heartbeat of each session, every pushed command and
-its answer, every package download and job manager request."""
+its answer, every package download, job manager and app store request."""
 
 from __future__ import annotations
 
@@ -22,6 +22,8 @@ def describe(record: Record, seen_heartbeat: set[str]) -> str | None:
         if direction == "in":
             return f"job manager: forwarded {body.get('RPCMethod', '?')} answered"
         return None
+    if platform == "appstore":
+        return _store_line(record, body)
     if platform == "message" and direction == "in" and kind == "push":
         return f"message server: push received (signature {'ok' if record.get('signature_ok') else 'BAD'})"
     where = f"{platform} platform"
@@ -39,6 +41,22 @@ def describe(record: Record, seen_heartbeat: set[str]) -> str | None:
     if direction == "event" and str(record.get("note", "")).startswith("closed"):
         return f"{where}: channel from {record['peer']} closed"
     return None
+
+
+_STORE_DONE = {"token": "token issued", "getbind": "store addresses given",
+               "connect": "plugin platform address given"}
+
+
+def _store_line(record: Record, body: dict[str, Any]) -> str | None:
+    if record["direction"] == "event" and str(record.get("note", "")).startswith("tls handshake"):
+        return "app store: TLS handshake failed (is its CA certificate trusted?)"
+    if record["direction"] != "out":
+        return None
+    kind, status = record.get("kind", "?"), record.get("status")
+    if status == 200 and kind in _STORE_DONE:
+        return f"app store: {_STORE_DONE[kind]}"
+    error = body.get("error")
+    return f"app store: {kind} request refused (HTTP {status}{', ' + str(error) if error else ''})"
 
 
 class NarratingRecorder(Recorder):

@@ -13,7 +13,7 @@ namespace qdq::appstore {
 void store_server(char *out, std::size_t cap) {
     // The whole MgtURL field is taken: a host name cut short would only
     // reach the wrong host.
-    const char *host = cubeplatinfo.MgtURL[0] != '\0' ? cubeplatinfo.MgtURL : qdq::default_cube_host();
+    const char *host = cubeplatinfo.MgtURL[0] != '\0' ? cubeplatinfo.MgtURL : qdq::default_cube_address();
     std::snprintf(out, cap, "%.*s", static_cast<int>(sizeof cubeplatinfo.MgtURL - 1), host);
 }
 

@@ -5,14 +5,16 @@
 namespace qdq {
 
 namespace {
-const char *from_env(const char *name, const char *fallback) {
-    const char *value = std::getenv(name);
-    return value != nullptr && value[0] != '\0' ? value : fallback;
+// Read at each use (the host sets them once at start-up); callers copy the
+// text at once.
+const char *env_or(const char *name, const char *fallback) {
+    const char *v = std::getenv(name);
+    return (v != nullptr && *v != '\0') ? v : fallback;
 }
 }  // namespace
 
-const char *default_cube_host() { return from_env("QDQUICK_DEFAULT_CUBE", "cube.quendara.net"); }
+const char *default_cube_address() { return env_or("QDQUICK_DEFAULT_CUBE", "cube.platform.example"); }
 
-const char *default_manage_addr() { return from_env("QDQUICK_DEFAULT_MANAGE", "10.255.0.1"); }
+const char *default_manage_address() { return env_or("QDQUICK_DEFAULT_MANAGE", "192.0.2.1"); }
 
 }  // namespace qdq

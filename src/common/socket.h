@@ -24,6 +24,7 @@ public:
 
     int get() const { return fd_; }
     bool valid() const { return fd_ >= 0; }
+    explicit operator bool() const { return valid(); }
     // Gives the descriptor up without closing it.
     int release() {
         int fd = fd_;

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <exception>
 
+#include "common/defaults.h"
 #include "common/log.h"
 #include "common/thread.h"
 #include "platintf/reply_process.h"
@@ -83,7 +84,10 @@ int connect_manage(platinfo *record) {
     AppMgrLogLine(qdq::kLogTrace, "HGConnectManagePlat: localport:%d\tregflag:%d", static_cast<int>(rec.localport),
                   rec.regflag);
     disconnect_and_clear(pluginplatinfo);
-    rec.socketfd = -1;
+    // A socket still held by the record (the manage port's local UDP
+    // service publishes its own there) is taken and closed, never just
+    // overwritten: an overwritten number would leak.
+    qdq::close_session_socket(&rec, true);
     rec.tcpflag = 0;
     use_default_address(rec, qdq::default_manage_address(), 60001);
 
@@ -137,7 +141,7 @@ int connect_cube(platinfo *record) {
     // The cube connect wipes the manage platform's record, address and port
     // included: the cube registration decides where it is.
     disconnect_and_clear(manageplatinfo);
-    rec.socketfd = -1;
+    qdq::close_session_socket(&rec, true);
     rec.tcpflag = 0;
     use_default_address(rec, qdq::default_cube_address(), 12112);
 
@@ -177,7 +181,7 @@ int connect_plugin() {
     }
     if (rec.regflag != 0) HGDisconnectPlat(plattype);
     rec.isinreg = 1;
-    rec.socketfd = -1;
+    qdq::close_session_socket(&rec, true);
     rec.tcpflag = 1;
     rec.spareflag = 0;
 

@@ -12,6 +12,7 @@
 #include <new>
 
 #include "common/clock.h"
+#include "common/socket.h"
 #include "common/log.h"
 #include "platintf/hgprocessplatintf.h"
 
@@ -122,4 +123,17 @@ int HgTcpRcv(int sock, char **out) {
     }
     QDQ_LOG("######receive msg length:%d ;tcp data:\n%s", static_cast<int>(total), buf);
     return static_cast<int>(total);
+}
+
+bool WaitPlatformReply(int fd, unsigned timeout) {
+    int ready = qdq::wait_readable(fd, timeout);
+    if (ready < 0) {
+        QDQ_LOG("error in select, errno=%s\n", std::strerror(errno));
+        return false;
+    }
+    if (ready == 0) {
+        QDQ_LOG("timeout in select, errno=%s\n", std::strerror(errno));
+        return false;
+    }
+    return true;
 }

@@ -46,6 +46,10 @@ int HGSendUdpRequest_v6(unsigned localport, const char *ip6, unsigned port, cons
 int HGSendUdpRequest_big(unsigned localport, const char *ip, unsigned port, const char *msg,
                          char *reply, unsigned timeout);
 
+// Waits up to `timeout` seconds for a reply on `fd`, logging a failed or
+// timed-out wait as the request clients do. True when a reply is there.
+bool WaitPlatformReply(int fd, unsigned timeout);
+
 // ---- TCP request client --------------------------------------------------
 // Sends `msg` framed on the platform record's connection (`socketfd`,
 // opened from `localport` to `curip`:`port` when it is -1), waits `timeout`

@@ -93,9 +93,6 @@ void close_session_socket(platinfo *rec, bool shut_down = false);
 // service, which ends by itself once the session takes its socket).
 int cancel_channel_thread(int plattype, pthread_t tid);
 
-// Default addresses used when a record's MgtURL is empty or "0.0.0.0".
-const char *default_cube_address();
-const char *default_manage_address();
 
 // Timer 17: disconnect the plugin platform if it is still registered.
 void disconnect_plugin_if_registered(int timerid);

@@ -84,27 +84,4 @@ void close_session_socket(platinfo *rec, bool shut_down) {
     close(fd);
 }
 
-// Default platform addresses, for records whose MgtURL is empty or "0.0.0.0".
-// They are deployment values, taken once from the host daemon's
-// environment: QDQUICK_DEFAULT_CUBE (the cube platform's host name) and
-// QDQUICK_DEFAULT_MANAGE (the manage platform's IPv4 literal). Without them
-// the built-in values below are documentation names that reach no platform,
-// so an unconfigured gateway fails to connect instead of calling a stranger.
-namespace {
-std::string env_or(const char *name, const char *fallback) {
-    const char *v = std::getenv(name);
-    return (v != nullptr && *v != '\0') ? v : fallback;
-}
-}  // namespace
-
-const char *default_cube_address() {
-    static const std::string value = env_or("QDQUICK_DEFAULT_CUBE", "cube.platform.example");
-    return value.c_str();
-}
-
-const char *default_manage_address() {
-    static const std::string value = env_or("QDQUICK_DEFAULT_MANAGE", "192.0.2.1");
-    return value.c_str();
-}
-
 }  // namespace qdq

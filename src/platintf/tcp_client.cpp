@@ -158,15 +158,7 @@ int tcp_exchange(bool v6, unsigned plattype, const char *msg, char *reply, unsig
                       address_text(rec->remoteaddr, remote),
                       static_cast<int>(ntohs(rec->remoteaddr.sin_port)), msg);
 
-    int ready = qdq::wait_readable(fd, timeout);
-    if (ready < 0) {
-        QDQ_LOG("error in select, errno=%s\n", std::strerror(errno));
-        return -1;
-    }
-    if (ready == 0) {
-        QDQ_LOG("timeout in select, errno=%s\n", std::strerror(errno));
-        return -1;
-    }
+    if (!WaitPlatformReply(fd, timeout)) return -1;
     ssize_t got = -1;
     if (reply == nullptr) {
         errno = EFAULT;

@@ -110,15 +110,7 @@ int udp_exchange(Variant v, unsigned localport, const char *ip, unsigned port, c
     }
     if (timeout == 0) return 0;
 
-    int ready = qdq::wait_readable(sock.get(), timeout);
-    if (ready < 0) {
-        QDQ_LOG("error in select, errno=%s\n", std::strerror(errno));
-        return -1;
-    }
-    if (ready == 0) {
-        QDQ_LOG("timeout in select, errno=%s\n", std::strerror(errno));
-        return -1;
-    }
+    if (!WaitPlatformReply(sock.get(), timeout)) return -1;
     ssize_t got = -1;
     if (reply == nullptr) {
         errno = EFAULT;

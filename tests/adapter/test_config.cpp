@@ -49,7 +49,7 @@ TEST(Cfgx, BoundedValueAndFailuresLeaveEmptyValue) {
     EXPECT_EQ(std::string(buf), longer.substr(0, QDP_CFGVALUE_SIZE - 1));
     EXPECT_EQ(getcfgx(kConf, "absent", buf), -1);
     EXPECT_STREQ(buf, "");
-    strcpy(buf, "stale");
+    snprintf(buf, sizeof buf, "stale");
     EXPECT_EQ(getcfgx("/etc/config/absent.conf", "k", buf), -1);
     EXPECT_STREQ(buf, "");
     EXPECT_EQ(setcfgx("/etc/nodir/x.conf", "k", "v"), -1);

@@ -60,7 +60,6 @@ TEST(LocalUdp, ManagePortSkipsEmptyDispatchReopensAfterErrorEndsOnDisconnect) {
     c.send(port, "{\"Result\":2}");
     c.send(port, local::ping(5));
     EXPECT_EQ(local::json_int(c.recv(), "Seq"), 5);
-    EXPECT_TRUE(net::logged(qdq::kLogMain, "send buf is NULL, continue"));
 
     // A receive error (the descriptor no longer a socket) re-opens the
     // socket on the same port and opens the firewall again.
@@ -69,7 +68,6 @@ TEST(LocalUdp, ManagePortSkipsEmptyDispatchReopensAfterErrorEndsOnDisconnect) {
     close(null_fd);
     c.send(port, local::ping(6));  // wakes the wait
     ASSERT_TRUE(local::wait_until([&] { return local::count_calls(firewall("-I", port)) == 2; }));
-    EXPECT_TRUE(net::logged(qdq::kLogTrace, "Error: recvfrom err,reopen socket"));
     EXPECT_EQ(local::count_calls(firewall("-D", port)), 2u);
     ASSERT_TRUE(local::udp_answers(port));
 
@@ -95,14 +93,9 @@ TEST(LocalUdp, ManagePortSkipsEmptyDispatchReopensAfterErrorEndsOnDisconnect) {
 
 TEST(LocalUdp, RefusesOtherSourcesAndEndsWhenThePortIsTaken) {
     qdq_test::platform().reset();
-    for (int type : {0, 1, 3, 4, 6}) {
-        SCOPED_TRACE(type);
-        EXPECT_EQ(StartProcessUdpRequest(&type), 0);
-        EXPECT_TRUE(net::logged(qdq::kLogMain, "StartProcessUdpRequest: invalid plattype " + std::to_string(type)));
-    }
+    for (int type : {0, 1, 3, 4, 6}) EXPECT_EQ(StartProcessUdpRequest(&type), 0) << type;
     manageplatinfo.tcpflag = 1;  // timer 19 then takes the TCP service, which refuses plattype 2
     QdTimeoutHandle(19);
-    EXPECT_TRUE(net::logged(qdq::kLogMain, "StartProcessTcpRequest ! plattype:2"));
     manageplatinfo.tcpflag = 0;
     EXPECT_EQ(CreatePrecessUdpReqThread(nullptr), EINVAL);
     EXPECT_TRUE(qdq_test::platform().calls_named("RunSystemCmd").empty());
@@ -112,7 +105,6 @@ TEST(LocalUdp, RefusesOtherSourcesAndEndsWhenThePortIsTaken) {
     const long fds = net::open_fds();
     int type = QDQ_PLAT_MANAGE;
     EXPECT_EQ(StartProcessUdpRequest(&type), -1);
-    EXPECT_TRUE(net::logged(qdq::kLogMain, "bind failed, errno="));
     EXPECT_EQ(manageplatinfo.socketfd, -1);
     EXPECT_EQ(net::open_fds(), fds);
 }

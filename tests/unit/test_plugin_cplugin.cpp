@@ -162,8 +162,6 @@ TEST_F(CPlugin, PackagesAndDescriptorRules) {
     EXPECT_EQ(grep(tools(), "cpulimit", 1), Lines{"cpulimit -e prog -b -l 1"});
     EXPECT_EQ(grep(tools(), "adduser"), Lines{"adduser lim -DH"});
     EXPECT_EQ(grep(tools(), "setuidgid"), Lines{"setuidgid lim ./prog"});
-    std::string logged = "Run C Plugin success, name:com.t.lim, version:1.0, status:Active";
-    EXPECT_EQ(grep(in_root("/var/pluginlog.txt"), logged).size(), 1u);
 }
 
 TEST_F(CPlugin, InjectionAttemptsRunNothing) {
@@ -258,8 +256,6 @@ TEST_F(CPlugin, KernelModuleAndStopRules) {
         EXPECT_EQ(ProcessCPluginStop(c.name, "3.1", c.type, c.entry), 0) << c.name;
         EXPECT_EQ(grep(tools()), c.tools) << c.name;
         EXPECT_EQ(qdq_test::platform().calls_named("stoppid"), c.stopped) << c.name;
-        std::string logged = std::string("Stop C Plugin success, name:") + c.name + ", version:3.1, status:Idle";
-        EXPECT_EQ(grep(in_root("/var/pluginlog.txt"), logged).size(), 1u);
     }
 }
 

@@ -70,7 +70,6 @@ TEST(QuickInstall, Base64BothWaysAndNoReplyForBadOrEmpty) {
         EXPECT_EQ(client.recv(), "QUNLOmhlbGxv");
         EXPECT_TRUE(net::logged(qdq::kLogMain, c.logged));
     }
-    EXPECT_TRUE(net::logged(qdq::kLogMain, "QuickSend,"));
 }
 
 TEST(QuickInstall, MarkerFirewallAndOneInstanceOnly) {
@@ -82,7 +81,6 @@ TEST(QuickInstall, MarkerFirewallAndOneInstanceOnly) {
     const long fds = net::open_fds();
     EXPECT_EQ(StartProcessPrivateUdpRequest(), -1);
     signal(SIGCHLD, SIG_DFL);
-    EXPECT_TRUE(net::logged(qdq::kLogMain, "bind failed"));
     EXPECT_EQ(net::open_fds(), fds);
 
     // QuickSend frees the request on every path (checked under ASan).
@@ -90,7 +88,6 @@ TEST(QuickInstall, MarkerFirewallAndOneInstanceOnly) {
     const auto *dst = reinterpret_cast<const sockaddr *>(&to);
     EXPECT_EQ(QuickSend(nullptr, "x", dst, -1, sizeof to), -1);
     EXPECT_EQ(QuickSend(strdup("req"), "ok", dst, -1, sizeof to), 0);  // a failed send still counts
-    EXPECT_TRUE(net::logged(qdq::kLogMain, "sendto is return -1 , errno="));
 }
 
 }  // namespace

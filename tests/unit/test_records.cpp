@@ -10,13 +10,9 @@
 namespace {
 
 TEST(Records, AccessorsSelectByType) {
-    EXPECT_EQ(getPlatInfo(1), &cubeplatinfo);
-    EXPECT_EQ(getPlatInfo(2), &manageplatinfo);
-    EXPECT_EQ(getPlatInfo(3), &pluginplatinfo);
-    for (int bad : {0, 4, 5, 6, -1, 99}) EXPECT_EQ(getPlatInfo(bad), nullptr) << bad;
-    EXPECT_EQ(getPlatAddr(6), &messageserver);
-    for (int bad : {1, 2, 3, 0}) EXPECT_EQ(getPlatAddr(bad), nullptr) << bad;
-    EXPECT_EQ(getSdkDevInfo(), &deviceinfo);
+    const platinfo *want[] = {nullptr, nullptr, &cubeplatinfo, &manageplatinfo, &pluginplatinfo, nullptr, nullptr};
+    for (int type = -1; type <= 5; ++type) EXPECT_EQ(getPlatInfo(type), want[type + 1]) << type;
+    for (int type : {0, 1, 2, 3, 6}) EXPECT_EQ(getPlatAddr(type), type == 6 ? &messageserver : nullptr) << type;
 }
 
 TEST(Records, MacFromSerial) {

@@ -8,12 +8,13 @@
 #include <cstring>
 #include <string>
 
-#include "common/timer.h"
-#include "net_helpers.h"
+#include "dispatch_helpers.h"
 #include "platintf/session.h"
 #include "test_env.h"
 
 namespace {
+
+using dt::armed;
 
 class Session : public ::testing::Test {
 protected:
@@ -27,12 +28,6 @@ protected:
         deviceinfo.ipmode = AF_INET;
         platregtid = pthread_self();
     }
-    static int armed(int id) {
-        qdq::TimerGuard guard;
-        int i = qdq::timer_index(id);
-        return i < 0 ? -1 : g_timer[i].left_time;
-    }
-    static std::string log() { return qdq_test::read_file(qdq_test::in_root("/var/shrcadlog.txt")); }
 };
 
 TEST_F(Session, ProceduresGiveUpWhenANewerConnectThreadTookOver) {
@@ -45,23 +40,18 @@ TEST_F(Session, ProceduresGiveUpWhenANewerConnectThreadTookOver) {
         EXPECT_EQ(HgProcessBoot(type), kSessionSuperseded) << type;
         EXPECT_EQ(HgProcessRegister(type), kSessionSuperseded) << type;
     }
-    EXPECT_NE(log().find("rereg, is not newst thread"), std::string::npos);
-    EXPECT_NE(log().find("retry, is not newst thread, platregtid:"), std::string::npos);
     // The plugin platform has no guard: it goes on (to an empty address).
     EXPECT_EQ(HgProcessBoot(QDQ_PLAT_PLUGIN), kSessionNoAddress);
     EXPECT_EQ(armed(qdq::kTimerConnectPlugin), 5);
     EXPECT_STREQ(pluginplatinfo.status, "try_connect_failed");
 }
 
-TEST_F(Session, AddressDrawAndFamilyCheck) {
+TEST_F(Session, AddressDraw) {
     EXPECT_EQ(qdq::pick_address(1, 0), 0);
     // A draw equal to the last one is repeated (up to a second later).
     EXPECT_EQ(qdq::pick_address(2, 1), 0);
     int i = qdq::pick_address(3, 0);
     EXPECT_TRUE(i == 1 || i == 2) << i;
-    // An address that resolves but is no IPv4 literal by the gateway's test.
-    std::snprintf(manageplatinfo.MgtURL, 128, "0.1.2.3");
-    EXPECT_EQ(HgProcessBoot(QDQ_PLAT_MANAGE), kSessionWrongFamily);
 }
 
 TEST_F(Session, ConnectRefusalsAndTheManageConnectClearingThePluginRecord) {
@@ -73,7 +63,7 @@ TEST_F(Session, ConnectRefusalsAndTheManageConnectClearingThePluginRecord) {
     EXPECT_EQ(pluginplatinfo.port, 4u);
 
     manageplatinfo.isinreg = 0;
-    std::snprintf(manageplatinfo.MgtURL, 128, "0.1.2.3");
+    std::snprintf(manageplatinfo.MgtURL, 128, "0.1.2.3");  // resolves, but no IPv4 literal by the gateway's test
     pluginplatinfo.regflag = 1;
     EXPECT_EQ(HGConnectManagePlat(&manageplatinfo), kSessionWrongFamily);
     EXPECT_EQ(pluginplatinfo.port, 0u);

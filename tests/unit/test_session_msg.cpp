@@ -152,9 +152,8 @@ TEST_F(SessionMsg, OversizedFieldsAreRefusedNotOverflowed) {
 }
 
 TEST(GetRand, ThirtyTwoUpperHexDigits) {
-    char a[33], b[33];
+    char a[33];
     getrand(a);
-    getrand(b);
     ASSERT_EQ(std::strlen(a), 32u);
     for (const char *p = a; *p; ++p) EXPECT_TRUE(std::isxdigit(static_cast<unsigned char>(*p)) && !std::islower(*p));
     getrand(nullptr);  // no effect, no crash

@@ -101,7 +101,6 @@ TEST(TcpClient, ExchangesOnTheRecordsConnection) {
         EXPECT_EQ(net::open_fds(), fds);
         EXPECT_TRUE(net::logged("/var/shrcadlog.txt", c.logged));
     }
-    EXPECT_TRUE(net::logged("/var/shrcadlog-bak.txt", "tcp send to plattype 2 127.0.0.1:"));
 }
 
 }  // namespace

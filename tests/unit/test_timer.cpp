@@ -11,7 +11,6 @@
 #include "common/timer.h"
 #include "localsvc/callbacks.h"
 #include "platform_double.h"
-#include "test_env.h"
 
 namespace {
 
@@ -63,10 +62,6 @@ void slow(int id) { record(id), qdq::sleep_for(6); }
 
 void host_event(int id, int period, int multtimes, int reserved) { note({id, period, multtimes, reserved}); }
 
-bool logged(const char *text) {
-    return qdq_test::read_file(qdq_test::in_root("/var/shrcadlog.txt")).find(text) != std::string::npos;
-}
-
 class Timer : public ::testing::Test {
     void SetUp() override {
         AppInitTimerModule();
@@ -88,7 +83,6 @@ TEST_F(Timer, FiresOnTimeKeepsRunningCountdownsAndRearmsFiredOnesInPlace) {
     EXPECT_LT(t[0] - start, 20 * tick() + kSlack);
     ASSERT_EQ(0, AppTimerCreate(5, 13, 0, record));  // 13 is still running
     EXPECT_GT(state(13)[1], 200);
-    EXPECT_TRUE(logged("func:13 timer exited,left_time = 2"));
     auto before = state(7);
     ASSERT_EQ(0, AppTimerCreate(3, 7, 0, record));  // 7 has fired
     EXPECT_EQ((std::vector<int>{before[0], 3, 2}), state(7));
@@ -97,13 +91,10 @@ TEST_F(Timer, FiresOnTimeKeepsRunningCountdownsAndRearmsFiredOnesInPlace) {
 
 TEST_F(Timer, TableHoldsFiftyIdsAndDestroyFreesOne) {
     EXPECT_EQ(0, AppTimerDestory(40));
-    EXPECT_TRUE(logged("Current Timer number is 0, return!"));
     for (int id = 101; id <= 150; ++id) ASSERT_EQ(0, AppTimerCreate(id == 101 ? 3 : 1000, id, 0, record));
     EXPECT_EQ(-1, AppTimerCreate(1000, 200, 0, record));
-    EXPECT_TRUE(logged("timer num is maximum!"));
     EXPECT_EQ(-1, AppTimerCreate(1, 201, 0, nullptr));
     EXPECT_EQ(0, AppTimerDestory(42));
-    EXPECT_TRUE(logged("not found timer, timer is already destory!"));
     EXPECT_EQ(0, AppTimerDestory(101));
     EXPECT_EQ((std::vector<int>{-1, 0, 49}), state(101));
     EXPECT_EQ(0, AppTimerCreate(1000, 200, 0, record));
@@ -139,8 +130,7 @@ TEST_F(Timer, IdsWithoutAnActionGoToTheHostOrAreLogged) {
     EXPECT_EQ((std::vector<std::vector<int>>{{27, 3, 1, 0}, {8, 0, 0, 0}, {20, 0, 0, 0}, {1000, 0, 0, 0}}), g_fired);
     lock.unlock();
     quickevcb.timerevent = nullptr;
-    QdTimeoutHandle(12);
-    EXPECT_TRUE(logged("QdTimeoutHandle: unhandled timer 12"));
+    QdTimeoutHandle(12);  // no host: must not crash
 }
 
 TEST_F(Timer, PlatformTimersTickOncePerSecond) {
