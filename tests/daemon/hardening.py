@@ -47,13 +47,15 @@ def last_seq(g: Gateway) -> int:
 
 def up(g: Gateway, *sim_extra: str) -> tuple[int, int]:
     """Starts the simulator and the daemon, waits for the whole session (three
-    platforms, the plugin installed and running, heartbeats), and returns the
+    platforms, the plugin installed and running unless the simulator orders
+    no install, heartbeats), and returns the
     daemon's settled thread and descriptor counts."""
     start_sim(g, *sim_extra)
     g.start_daemon()
     for name in ("cube", "manage", "plugin"):
         g.daemon.wait_line(rf"{name} platform: connected \(")
-    g.daemon.wait_line(rf"plugin {BUNDLE} 1\.0 is running", 60)
+    if "--no-install" not in sim_extra:
+        g.daemon.wait_line(rf"plugin {BUNDLE} 1\.0 is running", 60)
     g.daemon.wait_line("plugin platform: heartbeat answered", 30)
     wait_for(g, "manage", "heartbeat")
     return settled_counts(g.daemon.popen.pid)
@@ -91,3 +93,18 @@ def describe_fds(pid: int) -> list[str]:
         except OSError:
             pass
     return out
+
+
+def push_and_answer(g: Gateway, message: dict, timeout: float = 15) -> dict:
+    """Pushes a command with an "ID" on the plugin channel and returns the
+    gateway's answer to it. The answer may be recorded before the push
+    itself, so it is looked for from before the push."""
+    since = last_seq(g)
+    assert g.control({"cmd": "push", "platform": "plugin", "message": message})["ok"]
+    while True:
+        r = g.control({"cmd": "wait", "platform": "plugin", "kind": "reply", "since": since, "timeout": timeout},
+                      timeout=timeout + 5)
+        assert r["ok"], f"no answer to {message.get('RPCMethod')}: {r}"
+        if r["record"]["json"].get("ID") == message["ID"]:
+            return r["record"]["json"]
+        since = r["record"]["seq"]

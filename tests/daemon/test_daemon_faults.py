@@ -12,7 +12,7 @@ import signal
 import socket
 
 from conftest import eventually, local_tcp, local_udp
-from hardening import BUNDLE, answers_and_settles, last_seq, start_sim, up, wait_for
+from hardening import BUNDLE, answers_and_settles, last_seq, push_and_answer, start_sim, up, wait_for
 
 # The manage platform's part of the simulator's own gateway script: a
 # script loaded through the control port replaces it.
@@ -95,7 +95,6 @@ def test_job_manager_that_never_answers(gateway):
         base = up(g, "--jobmanager-port", "0")
         order = {"RPCMethod": "SetPlug-inParameterValues", "ID": "jm", "Plugin_Name": BUNDLE,
                  "Version": "1.0", "Parameter": "e30="}
-        r = g.control({"cmd": "push", "platform": "plugin", "message": order, "wait": 20}, timeout=25)
-        assert r["reply"]["json"]["Result"] == -100
+        assert push_and_answer(g, order, 20)["Result"] == -100
         assert jm.recv(65535)  # it was asked
         answers_and_settles(g, base)

@@ -17,7 +17,7 @@ from pathlib import Path
 import pytest
 
 from conftest import DAEMON, PACKAGES, Proc, eventually
-from hardening import BUNDLE, answers_and_settles, last_seq, settled_counts, start_sim, wait_for
+from hardening import BUNDLE, answers_and_settles, push_and_answer, settled_counts, start_sim, wait_for
 
 PACKAGE = Path(PACKAGES) / "sample-1.0.cpk"
 
@@ -25,18 +25,7 @@ PACKAGE = Path(PACKAGES) / "sample-1.0.cpk"
 def install(g, url: str, tag: str) -> None:
     order = {"RPCMethod": "Install", "ID": tag, "Plugin_Name": BUNDLE, "Version": "1.0",
              "Download_url": url, "Plugin_size": PACKAGE.stat().st_size, "OS": 0, "upgrade_ID": tag}
-    # The answer may be recorded before the push itself: wait for it from
-    # before the push.
-    since = last_seq(g)
-    assert g.control({"cmd": "push", "platform": "plugin", "message": order})["ok"]
-    while True:
-        r = g.control({"cmd": "wait", "platform": "plugin", "kind": "reply", "since": since, "timeout": 15},
-                      timeout=20)
-        assert r["ok"], f"no answer to the Install: {r}"
-        if r["record"]["json"].get("ID") == tag:
-            break
-        since = r["record"]["seq"]
-    assert r["record"]["json"]["Result"] == 0
+    assert push_and_answer(g, order)["Result"] == 0
 
 
 def package_url(g) -> str:
