@@ -95,16 +95,17 @@ def describe_fds(pid: int) -> list[str]:
     return out
 
 
-def push_and_answer(g: Gateway, message: dict, timeout: float = 15) -> dict:
+def push_and_answer(g: Gateway, message: dict, timeout: float = 15, by_id: bool = True) -> dict:
     """Pushes a command with an "ID" on the plugin channel and returns the
-    gateway's answer to it. The answer may be recorded before the push
-    itself, so it is looked for from before the push."""
+    gateway's answer to it (with by_id false: the next answer, for replies
+    that do not echo the command). The answer may be recorded before the
+    push itself, so it is looked for from before the push."""
     since = last_seq(g)
     assert g.control({"cmd": "push", "platform": "plugin", "message": message})["ok"]
     while True:
         r = g.control({"cmd": "wait", "platform": "plugin", "kind": "reply", "since": since, "timeout": timeout},
                       timeout=timeout + 5)
         assert r["ok"], f"no answer to {message.get('RPCMethod')}: {r}"
-        if r["record"]["json"].get("ID") == message["ID"]:
+        if not by_id or r["record"]["json"].get("ID") == message["ID"]:
             return r["record"]["json"]
         since = r["record"]["seq"]
