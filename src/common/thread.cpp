@@ -87,13 +87,16 @@ int live_workers_total() {
 
 int start_worker(Work kind, void *(*fn)(void *), void *arg) {
     const int i = index_of(kind);
-    // The place is taken before the thread exists, so concurrent starters
-    // can never overshoot the cap together.
-    if (g_live[i].fetch_add(1) >= kCaps[i]) {
-        g_live[i].fetch_sub(1);
-        QDQ_LOG("thread limit reached: %d %s workers running, request dropped", kCaps[i], kNames[i]);
-        return EAGAIN;
-    }
+    // The place is taken before the thread exists, and only while one is
+    // free: concurrent starters never overshoot the cap, not even for a
+    // moment (the count is what live_workers reports).
+    int live = g_live[i].load();
+    do {
+        if (live >= kCaps[i]) {
+            QDQ_LOG("thread limit reached: %d %s workers running, request dropped", kCaps[i], kNames[i]);
+            return EAGAIN;
+        }
+    } while (!g_live[i].compare_exchange_weak(live, live + 1));
     auto *w = new (std::nothrow) Worker{kind, fn, arg};
     int rc = w != nullptr ? start_thread(nullptr, worker_entry, w, true) : ENOMEM;
     if (rc != 0) {
