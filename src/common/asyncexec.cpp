@@ -98,7 +98,7 @@ extern "C" QDQ_API int asyncSystem(const char *command, int delay) {
     request->command[len] = '\0';
     request->delay = static_cast<signed char>(delay);
 
-    if (qdq::start_thread(nullptr, proc_async_system, request, true) != 0) {
+    if (qdq::start_worker(qdq::Work::command, proc_async_system, request) != 0) {
         delete request;  // no worker: the caller's is the only reference
         return 0;
     }

@@ -12,7 +12,7 @@
 
 namespace {
 
-const char base64_alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr char base64_alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 // Reverse of base64_alphabet; every other byte, '=' included, maps to 255.
 struct SuffixMap {

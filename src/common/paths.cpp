@@ -5,13 +5,15 @@
 namespace qdq {
 
 const std::string &root() {
-    static const std::string value = [] {
+    // Never destroyed: detached threads still log while the process exits,
+    // after static destructors have run.
+    static const std::string *value = [] {
         const char *env = std::getenv("QDQUICK_ROOT");
-        std::string r = env ? env : "";
-        while (!r.empty() && r.back() == '/') r.pop_back();
+        auto *r = new std::string(env ? env : "");
+        while (!r->empty() && r->back() == '/') r->pop_back();
         return r;
     }();
-    return value;
+    return *value;
 }
 
 std::string path(const char *fixed) {

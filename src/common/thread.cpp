@@ -1,9 +1,62 @@
 #include "common/thread.h"
 
+#include <atomic>
+#include <cerrno>
+#include <memory>
+#include <new>
+
+#include "common/log.h"
+
+// GCC names its sanitizers with macros, clang with __has_feature.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define QDQ_CLANG_SANITIZED 1
+#endif
+#endif
+#ifndef QDQ_CLANG_SANITIZED
+#define QDQ_CLANG_SANITIZED 0
+#endif
+
 namespace qdq {
 
+namespace {
+
+// Caps per kind, in the order of Work. Timer expiries are retried by the
+// tick a few seconds later; events, channel messages, pushes and commands
+// are refused like a failed thread creation.
+constexpr int kCaps[kWorkKinds] = {16, 16, 16, 8, 8};
+constexpr const char *kNames[kWorkKinds] = {"event", "channel", "timer expiry", "push", "command"};
+
+std::atomic<int> g_live[kWorkKinds];
+
+int index_of(Work kind) { return static_cast<int>(kind); }
+
+struct Worker {
+    Work kind;
+    void *(*fn)(void *);
+    void *arg;
+};
+
+// Gives the worker's place back however the thread ends: by returning or
+// by a cancellation, whose unwinding runs this destructor.
+struct Place {
+    Work kind;
+    ~Place() { g_live[index_of(kind)].fetch_sub(1); }
+};
+
+void *worker_entry(void *raw) {
+    std::unique_ptr<Worker> w(static_cast<Worker *>(raw));
+    Place place{w->kind};
+    void *(*fn)(void *) = w->fn;
+    void *arg = w->arg;
+    w.reset();
+    return fn(arg);
+}
+
+}  // namespace
+
 std::size_t thread_stack_size() {
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || QDQ_CLANG_SANITIZED
     return 1024 * 1024;
 #else
     return 256 * 1024;
@@ -19,6 +72,37 @@ int start_thread(pthread_t *tid, void *(*fn)(void *), void *arg, bool detached) 
     pthread_t local;
     rc = pthread_create(tid ? tid : &local, &attr, fn, arg);
     pthread_attr_destroy(&attr);
+    return rc;
+}
+
+int worker_cap(Work kind) { return kCaps[index_of(kind)]; }
+
+int live_workers(Work kind) { return g_live[index_of(kind)].load(); }
+
+int live_workers_total() {
+    int total = 0;
+    for (const auto &n : g_live) total += n.load();
+    return total;
+}
+
+int start_worker(Work kind, void *(*fn)(void *), void *arg) {
+    const int i = index_of(kind);
+    // The place is taken before the thread exists, and only while one is
+    // free: concurrent starters never overshoot the cap, not even for a
+    // moment (the count is what live_workers reports).
+    int live = g_live[i].load();
+    do {
+        if (live >= kCaps[i]) {
+            QDQ_LOG("thread limit reached: %d %s workers running, request dropped", kCaps[i], kNames[i]);
+            return EAGAIN;
+        }
+    } while (!g_live[i].compare_exchange_weak(live, live + 1));
+    auto *w = new (std::nothrow) Worker{kind, fn, arg};
+    int rc = w != nullptr ? start_thread(nullptr, worker_entry, w, true) : ENOMEM;
+    if (rc != 0) {
+        delete w;
+        g_live[i].fetch_sub(1);
+    }
     return rc;
 }
 

@@ -18,6 +18,28 @@ std::size_t thread_stack_size();
 // `detached` the thread is created detached. Returns 0 or an errno value.
 int start_thread(pthread_t *tid, void *(*fn)(void *), void *arg, bool detached);
 
+// Detached workers started per message or event. A flood of events, channel
+// messages or expiring timers must not be able to start threads without
+// limit (each takes a stack, and a silent peer can hold one for tens of
+// seconds), so each kind has a cap on its live threads; beyond it
+// start_worker refuses with EAGAIN and logs one line, and the caller drops
+// or retries the work as it would after any thread-creation failure.
+// Local TCP workers are not counted here: their slot table already bounds
+// them at five.
+enum class Work { event, channel, expiry, push, command };
+inline constexpr int kWorkKinds = 5;
+
+// Live-thread cap of each kind (see docs/hardening.md).
+int worker_cap(Work kind);
+// Workers of `kind` running now (exact once they have returned).
+int live_workers(Work kind);
+int live_workers_total();
+
+// Starts fn(arg) detached as a worker of `kind`. Returns 0, EAGAIN at the
+// cap, or another errno value; on any failure fn never runs and arg stays
+// the caller's.
+int start_worker(Work kind, void *(*fn)(void *), void *arg);
+
 // Disables cancellation for its scope, so that a lock or descriptor taken
 // inside can never be abandoned by a cancellation.
 class NoCancel {

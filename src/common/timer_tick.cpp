@@ -70,7 +70,7 @@ void count_down() {
         int rc = ENOMEM;
         auto *e = new (std::nothrow) Expiry{i, t.func, t.callback};
         if (e != nullptr) {
-            rc = qdq::start_thread(nullptr, expiry_worker, e, true);
+            rc = qdq::start_worker(qdq::Work::expiry, expiry_worker, e);
             if (rc != 0) delete e;
         }
         if (rc != 0) {

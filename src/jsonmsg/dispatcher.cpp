@@ -122,14 +122,17 @@ void platform_reply(const char *msg, const cJSON *result) {
 }
 
 // Starts the push of one local event. The thread owns its copy of the text.
-void start_event(const char *event) {
+// False when no thread took it (out of memory, or the cap on live event
+// threads reached): the event is refused rather than queued.
+bool start_event(const char *event) {
     char *copy = strdup(event);
-    if (copy == nullptr) return;
-    if (qdq::start_thread(nullptr, PorcessEventInform, copy, true) != 0) {
+    if (copy == nullptr) return false;
+    if (qdq::start_worker(qdq::Work::event, PorcessEventInform, copy) != 0) {
         std::free(copy);
-        return;
+        return false;
     }
     qdq::sleep_for(1);
+    return true;
 }
 
 // The job manager's answer goes back as it stands, counted without a NUL.
@@ -182,7 +185,8 @@ int dispatch(const char *msg, char **out, int *plattype) {
     if (std::strcmp(method, "Post") == 0) {
         to_job_manager = isOsgiPlugParamSet(obj) == 0;
     } else if (std::strcmp(method, "EVENT_INFOR") == 0 && type == kPlatLocalUdp) {
-        if (const char *event = qdq::cmd_text(obj, "Event")) start_event(event);
+        const char *event = qdq::cmd_text(obj, "Event");
+        if (event != nullptr && !start_event(event)) return hand_out_result(qdq::kResultFailed, out);
         return hand_out_result(0, out);
     } else if (std::strcmp(method, "SetPlug-inParameterValues") == 0) {
         to_job_manager = true;

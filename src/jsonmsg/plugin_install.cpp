@@ -46,7 +46,7 @@ int start_push(int result, const char *name, const char *version, const char *up
     qdq::copy_field(record->version, sizeof record->version, version);
     qdq::copy_field(record->upgradeid, sizeof record->upgradeid, upgradeid);
     // The thread owns the record from here on.
-    const int rc = qdq::start_thread(nullptr, HgProcessPlugPush, record, true);
+    const int rc = qdq::start_worker(qdq::Work::push, HgProcessPlugPush, record);
     if (rc != 0) std::free(record);
     return rc;
 }

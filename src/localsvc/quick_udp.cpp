@@ -59,9 +59,7 @@ void serve_one(int sock) {
     }
     // One byte more than a request, so that a full-size one is a text.
     char buf[kQuickMax + 1];
-    char reply[kQuickMax];
     std::memset(buf, 0, sizeof buf);
-    std::memset(reply, 0, sizeof reply);
     sockaddr_storage from{};
     socklen_t fromlen = sizeof from;
     ssize_t n = recvfrom(sock, buf, kQuickMax, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from),
@@ -70,8 +68,16 @@ void serve_one(int sock) {
         QDQ_LOG("recvfrom Error!\n");
         return;
     }
-    QDQ_LOG("RECV: %s\n", buf);
-    char *request = base64_decode(buf);
+    qdq::answer_quick_request(buf, sock, reinterpret_cast<const sockaddr *>(&from), fromlen);
+}
+
+}  // namespace
+
+void qdq::answer_quick_request(const char *datagram, int sock, const sockaddr *to, socklen_t tolen) {
+    char reply[kQuickMax];
+    std::memset(reply, 0, sizeof reply);
+    QDQ_LOG("RECV: %s\n", datagram);
+    char *request = base64_decode(datagram);
     QDQ_LOG("revbuf after decode: %s\n", request != nullptr ? request : "");
     if (request == nullptr) {
         QDQ_LOG("recv is null or decode error!\n");
@@ -80,10 +86,8 @@ void serve_one(int sock) {
     // Without a host callback there is no reply to give.
     if (quickevcb.quickinstall != nullptr) quickevcb.quickinstall(reply, request);
     reply[kQuickMax - 1] = '\0';  // the callback's text is cut to 511 characters
-    QuickSend(request, reply, reinterpret_cast<const sockaddr *>(&from), sock, fromlen);
+    QuickSend(request, reply, to, sock, tolen);
 }
-
-}  // namespace
 
 int StartProcessPrivateUdpRequest(void) {
     // Cancellable only inside its wait: callback slot 3 runs on this thread

@@ -79,6 +79,13 @@ int ProcessClientTcpRequest(char *arg);
 // socket cannot be made or bound; otherwise never returns.
 int StartProcessPrivateUdpRequest(void);
 
+// One quick-install request as received (a NUL-terminated datagram): decoded,
+// handed to the host's callback, and the callback's reply sent to `to` on
+// `sock`. A datagram that does not decode, or an empty reply, gets no answer.
+namespace qdq {
+void answer_quick_request(const char *datagram, int sock, const sockaddr *to, socklen_t tolen);
+}
+
 // Base64-encodes `reply` and sends it to `to`. Frees `request` (the decoded
 // request) whenever it is not null. 0 when a reply was sent, else -1.
 int QuickSend(char *request, const char *reply, const struct sockaddr *to, int sock,

@@ -187,8 +187,12 @@ void HgProcessPlatTcpConnect(int plattype) {
             QDQ_LOG("process Disconnect, break!");
             break;
         }
-        // The worker owns its message: nothing is shared with the loop.
-        if (qdq::start_thread(nullptr, plugin_worker, text.get(), true) != 0) {
+        // The worker owns its message: nothing is shared with the loop. At
+        // the cap on live channel workers the message is dropped (logged)
+        // and the channel stays up; any other failure ends the channel.
+        const int rc = qdq::start_worker(qdq::Work::channel, plugin_worker, text.get());
+        if (rc == EAGAIN) continue;
+        if (rc != 0) {
             QDQ_LOG("create thread process plugin req failed");
             break;
         }

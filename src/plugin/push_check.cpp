@@ -34,7 +34,7 @@ extern "C" QDQ_API int HgCplugPushCheck(const char *name, const char *version, c
     std::snprintf(record->upgradeid, sizeof record->upgradeid, "%s", upgradeid);
     // The push thread owns the record once it runs; if it never starts, the
     // record is still ours to free.
-    int rc = qdq::start_thread(nullptr, HgProcessPlugPush, record, true);
+    int rc = qdq::start_worker(qdq::Work::push, HgProcessPlugPush, record);
     if (rc != 0) std::free(record);
     return rc;
 }

@@ -1,0 +1,101 @@
+"""Faults the gateway survives, end to end against the simulator: the
+platform killed mid-session and restarted, a platform that takes the TCP
+connection and never answers, a message server that never answers a push,
+the log files made unwritable and writable again, and a silent job manager.
+After each the daemon answers a local command and its thread and
+descriptor counts are back where they were."""
+
+from __future__ import annotations
+
+import json
+import signal
+import socket
+
+from conftest import eventually, local_tcp, local_udp
+from hardening import BUNDLE, answers_and_settles, last_seq, push_and_answer, start_sim, up, wait_for
+
+# The manage platform's part of the simulator's own gateway script: a
+# script loaded through the control port replaces it.
+MANAGE = {"extra": {"Register": {"PluginServer": "${PLUGIN}"}}}
+
+
+def test_platform_killed_mid_session_and_restarted(gateway):
+    g = gateway
+    base = up(g)
+    assert g.sim.stop(signal.SIGKILL) == -signal.SIGKILL
+    # While the platforms are gone the local ports still answer.
+    assert local_tcp({"RPCMethod": "ListPlugin", "ID": "alone"})["Result"] == 0
+    start_sim(g, "--no-install")
+    for platform, kind in (("plugin", "register"), ("plugin", "heartbeat"), ("manage", "heartbeat")):
+        wait_for(g, platform, kind)
+    answers_and_settles(g, base)
+
+
+def test_platform_that_takes_the_connection_and_never_answers(gateway):
+    g = gateway
+    base = up(g)
+    silent = ["silence"] * 4
+    since = last_seq(g)
+    assert g.control({"cmd": "script", "script": {"platforms": {
+        "manage": MANAGE, "plugin": {"answers": {"heartbeat": silent, "boot": silent}}}}})["ok"]
+    # The unanswered heartbeat ends the channel; each new connection's Boot
+    # is taken and never answered, until the platform speaks again.
+    for _ in range(3):
+        since = g.control({"cmd": "wait", "platform": "plugin", "kind": "boot", "action": "silence",
+                           "since": since, "timeout": 60}, timeout=65)["record"]["seq"]
+        assert local_tcp({"RPCMethod": "ListPlugin", "ID": "meanwhile"})["Result"] == 0
+    wait_for(g, "plugin", "register", since)
+    wait_for(g, "plugin", "heartbeat", since)
+    answers_and_settles(g, base)
+
+
+def test_message_server_that_never_answers_a_push(gateway):
+    g = gateway
+    base = up(g)
+    since = last_seq(g)
+    assert g.control({"cmd": "script", "script": {"platforms": {"manage": MANAGE},
+                                                  "message": {"answers": ["silence"] * 10}}})["ok"]
+    for i in range(6):
+        reply = json.loads(local_udp({"RPCMethod": "EVENT_INFOR", "Event": f"door {i}"}, 18401))
+        assert reply == {"Result": 0}
+    for _ in range(6):
+        since = g.control({"cmd": "wait", "platform": "message", "kind": "push", "action": "silence",
+                           "since": since, "timeout": 30}, timeout=35)["record"]["seq"]
+    answers_and_settles(g, base)
+
+
+def test_log_files_unwritable_then_writable_again(gateway):
+    g = gateway
+    base = up(g)
+    var = g.root / "var"
+    logs = [var / name for name in ("shrcadlog.txt", "shrcadlog-bak.txt", "shrcadlog-dpi.txt")]
+    # A directory where a log file should be: no open for appending can
+    # succeed, whoever the daemon runs as.
+    for log in logs:
+        log.unlink(missing_ok=True)
+        log.mkdir()
+    since = last_seq(g)
+    for i in range(20):
+        assert local_tcp({"RPCMethod": "ListPlugin", "ID": f"blind{i}"})["Result"] == 0
+    wait_for(g, "manage", "heartbeat", since)
+    wait_for(g, "plugin", "heartbeat", since)
+    for log in logs:
+        log.rmdir()
+    assert local_tcp({"RPCMethod": "ListPlugin", "ID": "seen"})["Result"] == 0
+    eventually(lambda: logs[0].is_file() and "ListPlugin" in logs[0].read_text(errors="replace"), 10,
+               "logging to resume")
+    answers_and_settles(g, base)
+
+
+def test_job_manager_that_never_answers(gateway):
+    g = gateway
+    # A job manager that takes every command and answers none.
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as jm:
+        jm.bind(("127.0.0.1", 17401))
+        base = up(g, "--jobmanager-port", "0")
+        order = {"RPCMethod": "SetPlug-inParameterValues", "ID": "jm", "Plugin_Name": BUNDLE,
+                 "Version": "1.0", "Parameter": "e30="}
+        # The refusal is a reply of its own, without the command's keys.
+        assert push_and_answer(g, order, 20, by_id=False) == {"Result": -100}
+        assert jm.recv(65535)  # it was asked
+        answers_and_settles(g, base)

@@ -1,0 +1,266 @@
+// Bad input on every local port - UDP 18401, the manage platform's local UDP
+// port, the local TCP port and quick-install 7998: malformed JSON, every key
+// a handler reads given the wrong type or an over-long value, invalid
+// Base64, bad frames and a flood of datagrams. Each gets an answer (a JSON
+// object) or none, never a crash or a hang; the next valid request is
+// answered, and threads and descriptors end where they started. Runs in a
+// private network namespace (fixed ports); leaks show under the ASan build.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "common/thread.h"
+#include "jsonmsg/processjsonmsg.h"
+#include "local_helpers.h"
+#include "localsvc/callbacks.h"
+#include "localsvc/quickinstall.h"
+
+namespace {
+
+int g_local = QDQ_PLAT_LOCALUDP, g_manage = QDQ_PLAT_MANAGE, g_tcp = QDQ_PLAT_LOCALTCP, g_quick = 0;
+
+long threads() { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); }
+
+void quick_reply(char *reply, const char *request) { std::snprintf(reply, 512, "ACK:%s", request); }
+
+// A job manager stand-in on 17401: commands forwarded by the dispatcher are
+// answered at once instead of after its 30 s wait.
+void job_manager() {
+    qdq::Fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in a = local::loopback(qdq::kJobManagerPort);
+    if (bind(fd.get(), reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) return;
+    for (char buf[65536];;) {
+        sockaddr_in from{};
+        socklen_t len = sizeof from;
+        if (recvfrom(fd.get(), buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&from), &len) < 0) continue;
+        sendto(fd.get(), "{\"Result\":0}", 12, 0, reinterpret_cast<sockaddr *>(&from), len);
+    }
+}
+
+unsigned tcp_port() {
+    static const unsigned port = local::free_port(SOCK_STREAM);
+    return port;
+}
+
+// Every service, started once per process; then the counts to return to.
+struct Services {
+    long threads = 0, fds = 0;
+};
+const Services &services() {
+    static const Services s = [] {
+        quickevcb.quickinstall = quick_reply;
+        manageplatinfo.localport = local::free_port(SOCK_DGRAM);
+        cubeplatinfo.localsrvport = tcp_port();
+        std::thread(job_manager).detach();
+        AppCreateTimerProcessThread();  // refusals arm timers: the tick runs from the start
+        EXPECT_EQ(CreatePrecessUdpReqThread(&g_local), 0);
+        EXPECT_EQ(CreatePrecessUdpReqThread(&g_manage), 0);
+        EXPECT_EQ(CreatePrecessTcpReqThread(&g_tcp), 0);
+        EXPECT_EQ(CreatePrecessUdpReqThread(&g_quick), 0);
+        EXPECT_TRUE(local::udp_answers(qdq::kLocalUdpPort));
+        EXPECT_TRUE(local::udp_answers(manageplatinfo.localport));
+        EXPECT_TRUE(local::wait_until([] { return access(qdq_test::in_root("/var/quick_7998_ready").c_str(), F_OK) == 0; }));
+        Services out;
+        local::wait_until([] { return qdq::local_tcp_state().connections == 0; });
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        out.threads = threads();
+        out.fds = net::open_fds();
+        return out;
+    }();
+    return s;
+}
+
+// Threads (the event pushes and timer expiries end by themselves) and
+// descriptors are back where they were.
+void expect_settled() {
+    EXPECT_TRUE(local::wait_until([] { return threads() == services().threads; }, 10000))
+        << threads() << " threads, " << services().threads << " before";
+    EXPECT_TRUE(local::wait_until([] { return net::open_fds() == services().fds; }))
+        << net::open_fds() << " descriptors, " << services().fds << " before";
+}
+
+bool is_object(const std::string &text) {
+    cJSON *o = cJSON_Parse(text.c_str());
+    const bool ok = cJSON_IsObject(o);
+    cJSON_Delete(o);
+    return ok;
+}
+
+// Sends `bad` over UDP, then a numbered ping; everything that comes back
+// before the ping's answer must be a JSON object (or nothing).
+void udp_case(unsigned port, const std::string &bad, int seq) {
+    local::Udp c;
+    c.send(port, bad);
+    c.send(port, local::ping(seq));
+    for (int i = 0; i < 4; ++i) {
+        const std::string got = c.recv(10000);
+        ASSERT_NE(got, "<none>") << "port " << port << ": no answer to the ping after: " << bad.substr(0, 200);
+        if (local::json_int(got, "Seq") == seq) return;
+        EXPECT_TRUE(is_object(got)) << got.substr(0, 200);
+    }
+    ADD_FAILURE() << "the ping was never answered after: " << bad.substr(0, 200);
+}
+
+qdq::Fd tcp_connect() {
+    qdq::Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in a = local::loopback(tcp_port());
+    if (connect(fd.get(), reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) fd.reset();
+    return fd;
+}
+
+// Sends raw bytes on a fresh connection (closing our side when asked) and
+// gives the reply payload, or "<none>" when the service closed without one.
+std::string tcp_raw(const std::string &bytes, bool close_write) {
+    qdq::Fd fd = tcp_connect();
+    if (!fd.valid()) return "<no connection>";
+    send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (close_write) shutdown(fd.get(), SHUT_WR);
+    const std::string head = net::read_n(fd.get(), 4);
+    if (head.size() < 4) return "<none>";
+    uint32_t n;
+    std::memcpy(&n, head.data(), 4);
+    return net::read_n(fd.get(), ntohl(n));
+}
+
+// One wrong or over-long value per key a handler reads.
+const std::vector<std::string> &wrong_values() {
+    static const std::vector<std::string> v = {
+        "5", "-1", "1e300", "null", "true", "[]", "[\"x\",1]", "{}", "{\"a\":{\"b\":[]}}", "\"\"", "\"!!!!\"",
+        "\"" + std::string(300, 'A') + "\"", "\"" + std::string(10221, 'B') + "\"",
+    };
+    return v;
+}
+
+struct Command {
+    const char *method;
+    std::vector<const char *> keys;  // what its handler reads
+};
+// "Parameter" is valid Base64 of {"CmdType":"A"}; "Key" is wrong, so the
+// platform orders are refused (and arm a reconnect nobody follows here).
+const char kBase[] =
+    R"("Plugin_Name":"p","Version":"1","Download_url":"http://127.0.0.1:1/p.cpk","Plugin_size":1,"OS":0,)"
+    R"("upgrade_ID":"u","Parameter":"eyJDbWRUeXBlIjoiQSJ9","Event":"e","Key":"K","ServerAddr":"127.0.0.1",)"
+    R"("ServerPort":"1","mode":"1")";
+const Command kCommands[] = {
+    {"Install", {"Plugin_Name", "Version", "Download_url", "Plugin_size", "OS", "upgrade_ID"}},
+    {"UnInstall", {"Plugin_Name", "Version"}},   {"Stop", {"Plugin_Name", "Version"}},
+    {"Run", {"Plugin_Name", "Version"}},         {"Install_query", {"Plugin_Name", "Version"}},
+    {"Install_cancel", {"Plugin_Name", "Version"}}, {"FactoryPlugin", {"Plugin_Name", "Version"}},
+    {"ListPlugin", {}},                          {"Disconnect", {}},
+    {"Post", {"Parameter", "Plugin_Name", "Version"}}, {"Post1", {"Parameter"}},
+    {"SetPlug-inParameterValues", {"Plugin_Name", "Version", "Parameter"}},
+    {"EVENT_INFOR", {"Event"}},
+    {"RequestPlug-in", {"Key", "ServerAddr", "ServerPort"}},
+    {"RequestDistri", {"Key", "mode", "ServerAddr", "ServerPort"}},
+};
+
+// Every command with each key it reads replaced by each wrong value, and
+// "RPCMethod" itself wrong. A refused order of the manage platform on its
+// own port makes the gateway reconnect that platform, which ends the port's
+// service by design; those orders are left out there (the dispatcher's
+// fuzz target covers their keys).
+std::vector<std::string> wrong_typed_commands(bool manage_port) {
+    std::vector<std::string> out;
+    for (const std::string &value : wrong_values()) {
+        out.push_back("{\"RPCMethod\":" + value + "," + kBase + "}");
+        for (const Command &c : kCommands) {
+            if (manage_port && std::strncmp(c.method, "Request", 7) == 0) continue;
+            for (const char *key : c.keys) {
+                // A later duplicate would be ignored by cJSON: the wrong
+                // value goes first.
+                out.push_back("{\"" + std::string(key) + "\":" + value + ",\"RPCMethod\":\"" + c.method + "\"," +
+                              kBase + "}");
+            }
+        }
+    }
+    return out;
+}
+
+const std::vector<std::string> kMalformed = {
+    "", "{", "}", "[]", "null", "\"text\"", "{\"RPCMethod\":", "{\"RPCMethod\":\"Install\"", "{\"a\":1}{\"b\":2}",
+    std::string(2000, '['), std::string("{\"RPCMethod\":\"List\0Plugin\"}", 27), "{\"RPCMethod\":\"\xff\xfe\"}",
+    "{\"Result\":\"x\"}", "{\"Result\":1e300}", std::string(4000, ' '),
+};
+
+class BadInput : public ::testing::Test {
+protected:
+    void SetUp() override { services(); }
+    void TearDown() override { expect_settled(); }
+};
+
+TEST_F(BadInput, MalformedAndWrongTypedJsonOnBothUdpPorts) {
+    int seq = 0;
+    for (unsigned port : {qdq::kLocalUdpPort, manageplatinfo.localport}) {
+        std::vector<std::string> all = kMalformed;
+        for (std::string &c : wrong_typed_commands(port != qdq::kLocalUdpPort)) all.push_back(std::move(c));
+        for (const std::string &bad : all) udp_case(port, bad, ++seq);
+    }
+}
+
+TEST_F(BadInput, MalformedAndWrongTypedJsonOnTheTcpPort) {
+    std::vector<std::string> all = kMalformed;
+    for (std::string &c : wrong_typed_commands(false)) all.push_back(std::move(c));
+    for (const std::string &bad : all) {
+        const std::string reply = tcp_raw(net::frame(bad), false);
+        EXPECT_TRUE(reply == "<none>" || is_object(reply)) << bad.substr(0, 100) << " -> " << reply.substr(0, 100);
+    }
+    EXPECT_EQ(local::json_int(tcp_raw(net::frame(local::ping(1)), false), "Seq"), 1);
+}
+
+TEST_F(BadInput, BadFramesGetNoAnswerAndTheNextRequestIsServed) {
+    auto header = [](uint32_t n) {
+        const uint32_t be = htonl(n);
+        return std::string(reinterpret_cast<const char *>(&be), 4);
+    };
+    const std::string bad[] = {
+        header(0),                                  // zero length
+        header(0x80000000u) + "{}",                 // negative
+        header(0xffffffffu) + "{}",                 // -1
+        header(102401) + std::string(64, 'x'),      // over the limit
+        header(100) + "{\"RPCMethod\":",            // truncated payload
+        std::string("\0\0", 2),                     // truncated header
+        std::string(),                              // nothing at all
+    };
+    for (const std::string &b : bad) EXPECT_EQ(tcp_raw(b, true), "<none>") << b.size();
+    // At the limit a frame is still read and answered.
+    const std::string big = local::ping(2, 102400 - local::ping(2).size());
+    EXPECT_EQ(local::json_int(tcp_raw(net::frame(big), false), "Seq"), 2);
+    EXPECT_EQ(local::json_int(tcp_raw(net::frame(local::ping(3)), false), "Seq"), 3);
+}
+
+TEST_F(BadInput, InvalidBase64AndFloodsAreSurvived) {
+    // Quick-install: undecodable datagrams get no answer, the next one does.
+    local::Udp q;
+    for (const char *b : {"!!!!", "abc", "====", "TWFu=", "\xff\xff\xff\xff", ""}) q.send(qdq::kQuickPort, b);
+    q.send(qdq::kQuickPort, "cGluZw==");  // "ping"
+    // Bytes outside the alphabet decode to something (the codec trusts its
+    // input) and are answered; only the well-formed answer ends the wait.
+    std::string got;
+    for (int i = 0; i < 8 && got != "QUNLOnBpbmc=" && got != "<none>"; ++i) got = q.recv();  // "ACK:ping"
+    EXPECT_EQ(got, "QUNLOnBpbmc=");
+
+    // A flood of datagrams on every UDP port, then each answers again.
+    {
+        local::Udp flood;
+        const std::string junk = "{\"RPCMethod\":\"ListPlugin\"," + std::string(1500, ' ') + "}";
+        for (int i = 0; i < 3000; ++i)
+            for (unsigned port : {qdq::kLocalUdpPort, manageplatinfo.localport, qdq::kQuickPort})
+                flood.send(port, i % 2 ? junk : "cGluZw==");
+    }
+    EXPECT_TRUE(local::udp_answers(qdq::kLocalUdpPort));
+    EXPECT_TRUE(local::udp_answers(manageplatinfo.localport));
+    EXPECT_TRUE(local::wait_until([&] {
+        local::Udp c;
+        c.send(qdq::kQuickPort, "cGluZw==");
+        return c.recv(200) == "QUNLOnBpbmc=";
+    }));
+    EXPECT_LE(qdq::live_workers_total(), 64);
+}
+
+}  // namespace

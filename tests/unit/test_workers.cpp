@@ -1,0 +1,113 @@
+// Worker threads started per message or event are capped per kind: at the
+// cap a start is refused (and logged), a place comes back when a worker
+// returns or is cancelled, and a flood of "EVENT_INFOR" events against a
+// message server that never answers stays within the event cap while every
+// event is answered or refused.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <thread>
+#include <vector>
+
+#include "common/log.h"
+#include "common/thread.h"
+#include "local_helpers.h"
+
+namespace {
+
+std::atomic<bool> g_release{false};
+std::atomic<pthread_t> g_victim{};
+
+void *blocker(void *) {
+    // poll: a cancellation point whose cancellation unwinds under qemu too
+    // (docs/mipsel.md).
+    while (!g_release.load()) poll(nullptr, 0, 1);
+    return nullptr;
+}
+
+void *victim(void *) {
+    g_victim.store(pthread_self());
+    return blocker(nullptr);
+}
+
+long threads() { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); }
+
+TEST(Workers, EachKindStopsAtItsCapAndGetsItsPlacesBack) {
+    using qdq::Work;
+    // A first thread, so that runtime helpers started with it (a
+    // sanitizer's background thread) are counted in `before`.
+    g_release = true;
+    ASSERT_EQ(qdq::start_worker(Work::event, blocker, nullptr), 0);
+    ASSERT_TRUE(local::wait_until([] { return qdq::live_workers_total() == 0; }));
+    const long before = threads();
+    for (Work kind : {Work::event, Work::channel, Work::expiry, Work::push, Work::command}) {
+        SCOPED_TRACE(static_cast<int>(kind));
+        g_release = false;
+        for (int i = 0; i < qdq::worker_cap(kind); ++i) ASSERT_EQ(qdq::start_worker(kind, blocker, nullptr), 0);
+        EXPECT_EQ(qdq::start_worker(kind, blocker, nullptr), EAGAIN);
+        EXPECT_EQ(qdq::live_workers(kind), qdq::worker_cap(kind));
+        // Another kind is not held back by this one.
+        Work other = kind == Work::event ? Work::push : Work::event;
+        g_victim = pthread_t{};
+        ASSERT_EQ(qdq::start_worker(other, victim, nullptr), 0);
+        // A cancelled worker gives its place back like one that returns.
+        ASSERT_TRUE(local::wait_until([&] { return g_victim.load() != pthread_t{}; }));
+        ASSERT_EQ(pthread_cancel(g_victim.load()), 0);
+        EXPECT_TRUE(local::wait_until([&] { return qdq::live_workers(other) == 0; }));
+        g_release = true;
+        EXPECT_TRUE(local::wait_until([&] { return qdq::live_workers_total() == 0; }));
+    }
+    EXPECT_TRUE(net::logged(qdq::kLogMain, "thread limit reached: 16 event workers running, request dropped"));
+    EXPECT_TRUE(local::wait_until([&] { return threads() == before; }));
+}
+
+TEST(Workers, EventFloodAgainstASilentMessageServerStaysBounded) {
+    // Accepts connections (the backlog does) and never answers a push.
+    qdq::Fd server = net::bound(SOCK_STREAM, true);
+    std::snprintf(messageserver.addr, sizeof messageserver.addr, "127.0.0.1");
+    messageserver.port = net::port_of(server.get());
+    manageplatinfo.regflag = 1;
+    const long before = threads();
+    const long fds = net::open_fds();
+
+    std::atomic<int> accepted{0}, refused{0}, peak{0};
+    std::atomic<bool> done{false};
+    std::thread watch([&] {
+        while (!done) {
+            peak = std::max(peak.load(), qdq::live_workers(qdq::Work::event));
+            usleep(500);
+        }
+    });
+    std::vector<std::thread> senders;
+    for (int t = 0; t < 20; ++t) {
+        senders.emplace_back([&] {
+            for (int i = 0; i < 10; ++i) {
+                int type = QDQ_PLAT_LOCALUDP;
+                char *out = nullptr;
+                HGProcessPlatJsonMsg(R"({"RPCMethod":"EVENT_INFOR","Event":"door open"})", &out, &type);
+                const int r = local::json_int(out ? out : "", "Result");
+                std::free(out);
+                if (r == 0)
+                    ++accepted;
+                else if (r == -1)
+                    ++refused;
+            }
+        });
+    }
+    for (std::thread &s : senders) s.join();
+    EXPECT_EQ(accepted + refused, 200);
+    EXPECT_GE(accepted, qdq::worker_cap(qdq::Work::event));
+    EXPECT_GT(refused, 0);
+    EXPECT_TRUE(local::wait_until([] { return qdq::live_workers(qdq::Work::event) == 0; }, 20000));
+    done = true;
+    watch.join();
+    EXPECT_LE(peak, qdq::worker_cap(qdq::Work::event));
+    EXPECT_TRUE(local::wait_until([&] { return threads() == before && net::open_fds() == fds; }));
+    manageplatinfo.regflag = 0;
+}
+
+}  // namespace
