@@ -109,8 +109,11 @@ def test_soak_on_a_scaled_clock_is_flat(gateway):
         print("%4d %8d %8d %4d" % s)
     third = max(1, len(samples) // 3)
     early, late = samples[:third], samples[-third:]
-    assert max(s[2] for s in late) <= max(s[2] for s in early), "threads grew"
-    assert max(s[3] for s in late) <= max(s[3] for s in early), "descriptors grew"
+    # A sample may catch a timer expiry or a reconnect in flight: a slack of
+    # two absorbs that; a leak grows past it hour after hour.
+    slack = 2
+    assert max(s[2] for s in late) <= max(s[2] for s in early) + slack, "threads grew"
+    assert max(s[3] for s in late) <= max(s[3] for s in early) + slack, "descriptors grew"
     # AddressSanitizer holds freed memory in quarantine (up to 256 MiB), so
     # resident memory only means something in a plain build.
     if "libasan" not in Path(f"/proc/{pid}/maps").read_text():
