@@ -78,6 +78,6 @@ fi
 echo "=== mipsel build: running tests under qemu-mipsel ==="
 status=0
 (cd "$dir" && ctest -j "$jobs" --output-on-failure --timeout 600) > "$dir/ctest.log" 2>&1 || status=1
-grep -E "tests passed|tests failed|The following tests FAILED|^\s+[0-9]+ - |Total Test time" "$dir/ctest.log" \
+grep -E "tests passed|tests failed|The following tests FAILED|^\s+[0-9]+ - |Total Test time|^(FAILED|ERROR) |Failure$" "$dir/ctest.log" \
   || tail -n 20 "$dir/ctest.log"
 exit $status

@@ -22,7 +22,7 @@ for variant in plain asan; do
   echo "=== $variant build: running tests ==="
   (cd "$dir" && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
      ctest -j "$jobs" --output-on-failure --timeout 600) > "$dir/ctest.log" 2>&1 || status=1
-  grep -E "tests passed|tests failed|The following tests FAILED|^\s+[0-9]+ - |Total Test time" "$dir/ctest.log" || tail -n 20 "$dir/ctest.log"
+  grep -E "tests passed|tests failed|The following tests FAILED|^\s+[0-9]+ - |Total Test time|^(FAILED|ERROR) |Failure$" "$dir/ctest.log" || tail -n 20 "$dir/ctest.log"
 done
 if [ "${QDQUICK_SKIP_CROSS:-0}" != 1 ]; then
   echo "=== mipsel cross build: tests under qemu-mipsel ==="

@@ -26,6 +26,9 @@ namespace {
 // are refused like a failed thread creation.
 constexpr int kCaps[kWorkKinds] = {16, 16, 16, 8, 8};
 constexpr const char *kNames[kWorkKinds] = {"event", "channel", "timer expiry", "push", "command"};
+// Thread names as `ps -T` and `top -H` show them (at most 15 characters).
+constexpr const char *kThreadNames[kWorkKinds] = {"qdq-event", "qdq-channel", "qdq-expiry", "qdq-push",
+                                                  "qdq-command"};
 
 std::atomic<int> g_live[kWorkKinds];
 
@@ -47,9 +50,25 @@ struct Place {
 void *worker_entry(void *raw) {
     std::unique_ptr<Worker> w(static_cast<Worker *>(raw));
     Place place{w->kind};
+    pthread_setname_np(pthread_self(), kThreadNames[index_of(w->kind)]);
     void *(*fn)(void *) = w->fn;
     void *arg = w->arg;
     w.reset();
+    return fn(arg);
+}
+
+struct Named {
+    void *(*fn)(void *);
+    void *arg;
+    const char *name;
+};
+
+void *named_entry(void *raw) {
+    std::unique_ptr<Named> n(static_cast<Named *>(raw));
+    pthread_setname_np(pthread_self(), n->name);
+    void *(*fn)(void *) = n->fn;
+    void *arg = n->arg;
+    n.reset();
     return fn(arg);
 }
 
@@ -63,7 +82,14 @@ std::size_t thread_stack_size() {
 #endif
 }
 
-int start_thread(pthread_t *tid, void *(*fn)(void *), void *arg, bool detached) {
+int start_thread(pthread_t *tid, void *(*fn)(void *), void *arg, bool detached, const char *name) {
+    if (name != nullptr) {
+        auto *n = new (std::nothrow) Named{fn, arg, name};
+        if (n == nullptr) return ENOMEM;
+        int rc = start_thread(tid, named_entry, n, detached, nullptr);
+        if (rc != 0) delete n;
+        return rc;
+    }
     pthread_attr_t attr;
     int rc = pthread_attr_init(&attr);
     if (rc != 0) return rc;

@@ -15,8 +15,10 @@ namespace qdq {
 std::size_t thread_stack_size();
 
 // Starts fn(arg) on a new thread with the library's stack size. With
-// `detached` the thread is created detached. Returns 0 or an errno value.
-int start_thread(pthread_t *tid, void *(*fn)(void *), void *arg, bool detached);
+// `detached` the thread is created detached; `name` (a string literal of at
+// most 15 characters) is what `ps -T` shows for it. Returns 0 or an errno
+// value; on failure fn never runs.
+int start_thread(pthread_t *tid, void *(*fn)(void *), void *arg, bool detached, const char *name = nullptr);
 
 // Detached workers started per message or event. A flood of events, channel
 // messages or expiring timers must not be able to start threads without

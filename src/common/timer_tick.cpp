@@ -127,7 +127,7 @@ extern "C" QDQ_API int AppCreateTimerProcessThread(void) {
         QDQ_LOG("timer is already exist, return!");
         return 0;
     }
-    int rc = qdq::start_thread(nullptr, AppStartTimer, nullptr, true);
+    int rc = qdq::start_thread(nullptr, AppStartTimer, nullptr, true, "qdq-timer");
     if (rc != 0) {
         timerflag.store(0);
         QDQ_LOG("create AppProcessTimer fail!ret=%d err=%s\n", rc, ErrorText(rc).text);

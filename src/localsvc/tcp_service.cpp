@@ -189,7 +189,7 @@ int StartProcessTcpRequest(int *plattype) {
 
 extern "C" QDQ_API int CreatePrecessTcpReqThread(int *plattype) {
     QDQ_LOG("CreatePrecessTcpReqThread start! plattype=%d\n", plattype != nullptr ? *plattype : -1);
-    const int rc = plattype != nullptr ? qdq::start_thread(nullptr, tcp_entry, plattype, true) : EINVAL;
+    const int rc = plattype != nullptr ? qdq::start_thread(nullptr, tcp_entry, plattype, true, "qdq-tcp") : EINVAL;
     if (rc != 0) QDQ_LOG("Create CreatePrecessTcpReqThread thread failed!\n");
     QDQ_LOG("CreatePrecessTcpReqThread end!\n");
     return rc;

@@ -82,7 +82,7 @@ int admit_local_connection(int sock, int plattype) {
     // The worker is started under the lock, so its id is in the table
     // before it could try to leave it.
     acceptsocket[slot] = sock;
-    int rc = start_thread(&acceptthread[slot], worker_entry, arg, true);
+    int rc = start_thread(&acceptthread[slot], worker_entry, arg, true, "qdq-tcp-conn");
     if (rc != 0) {
         QDQ_LOG("Create ProcessClientTcpRequest thread failed!\n");
         acceptsocket[slot] = -1;

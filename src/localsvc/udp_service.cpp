@@ -12,6 +12,7 @@
 #include "common/log.h"
 #include "common/socket.h"
 #include "common/thread.h"
+#include "common/udp_listeners.h"
 #include "localsvc/quickinstall.h"
 
 namespace {
@@ -49,7 +50,7 @@ public:
             fd_.release();  // not ours to close
             return false;
         }
-        fd_.reset();
+        qdq::close_descriptor(fd_.release());
         return true;
     }
     // False once the platform session has taken the socket (a disconnect):
@@ -173,6 +174,7 @@ int StartProcessUdpRequest(int *plattype) {
             QDQ_LOG("bind failed, errno=%s\n", std::strerror(errno));
             return -1;
         }
+        qdq::listener_opened(sock.get(), port);
         qdq::open_firewall_port("udp", port);
         if (serve(sock, plattype) == Next::Taken || !sock.drop()) {
             QDQ_LOG("StartProcessUdpRequest: socket taken by the platform session, end\n");
@@ -188,9 +190,9 @@ extern "C" QDQ_API int CreatePrecessUdpReqThread(int *plattype) {
     if (plattype == nullptr)
         rc = EINVAL;
     else if (value != QDQ_PLAT_QUICKINSTALL)
-        rc = qdq::start_thread(nullptr, udp_entry, plattype, true);
+        rc = qdq::start_thread(nullptr, udp_entry, plattype, true, "qdq-udp");
     else
-        rc = qdq::start_thread(nullptr, quick_entry, nullptr, true);
+        rc = qdq::start_thread(nullptr, quick_entry, nullptr, true, "qdq-quick");
     if (rc != 0) QDQ_LOG("Create CreatePrecessUdpReqThread thread failed\n!");
     QDQ_LOG("CreatePrecessUdpReqThread end\n!");
     return rc;

@@ -248,7 +248,7 @@ void *StartProcessConnectPluginPlat(void *) {
 
 extern "C" QDQ_API int CreateConnectPluginPlatThread(void) {
     QDQ_LOG("CreateConnectPluginPlatThread start! \n");
-    const int rc = qdq::start_thread(nullptr, StartProcessConnectPluginPlat, nullptr, true);
+    const int rc = qdq::start_thread(nullptr, StartProcessConnectPluginPlat, nullptr, true, "qdq-plugin-plat");
     if (rc != 0) QDQ_LOG("Create CreateConnectPluginPlatThread thread failed!\n");
     QDQ_LOG("CreateConnectPluginPlatThread end!\n");
     return rc;

@@ -9,6 +9,7 @@
 
 #include "common/clock.h"
 #include "common/log.h"
+#include "common/udp_listeners.h"
 #include "platintf/hgprocessplatintf.h"
 #include "platintf/session.h"
 
@@ -80,8 +81,8 @@ void close_session_socket(platinfo *rec, bool shut_down) {
     const int fd = __atomic_exchange_n(&rec->socketfd, -1, __ATOMIC_ACQ_REL);
     // 0 is never a session socket here: a cleared record holds it.
     if (fd <= 0) return;
-    if (shut_down) shutdown(fd, SHUT_RDWR);
-    close(fd);
+    // The manage record may hold the local service's listening socket.
+    close_descriptor(fd, shut_down);
 }
 
 }  // namespace qdq

@@ -8,6 +8,7 @@
 
 #include "common/log.h"
 #include "common/socket.h"
+#include "common/udp_listeners.h"
 #include "platintf/hgprocessplatintf.h"
 
 namespace {
@@ -39,6 +40,31 @@ bool make_address(Variant v, const char *ip, unsigned port, Address &a) {
     return qdq::ipv4_address(ip, port, a.v4);
 }
 
+constexpr int kNoListener = -2;
+
+void log_sent(unsigned localport, const char *ip_text, unsigned port, const char *msg, ssize_t sent) {
+    QDQ_LOG("send success, ret:%d\n%s\n", static_cast<int>(sent), msg);
+    AppMgrLogLine(qdq::kLogTrace, "%s line %d %s,localport %d:send to %s:%d %s", qdq::kPlatModule, __LINE__,
+                  "HGSendUdpRequest", static_cast<int>(localport), ip_text, static_cast<int>(port), msg);
+}
+
+// A send-only request from a port where a local service listens leaves
+// through the service's socket, so that the answer reaches the service
+// (see common/udp_listeners.h). kNoListener when no service listens there.
+int send_through_listener(unsigned localport, const char *ip, unsigned port, const char *msg) {
+    Address addr;
+    if (!make_address(Variant::v4, ip, port, addr)) return kNoListener;  // refused on the usual path
+    const ssize_t sent = qdq::send_from_listener(localport, msg, std::strlen(msg),
+                                                 reinterpret_cast<struct sockaddr *>(&addr.any), addr.len);
+    if (sent < 0 && errno == ENOENT) return kNoListener;
+    if (sent < 0) {
+        QDQ_LOG("sendto error, errno=%s ret:%d\n", std::strerror(errno), static_cast<int>(sent));
+        return -1;
+    }
+    log_sent(localport, text_or_empty(ip), port, msg, sent);
+    return 0;
+}
+
 int udp_exchange(Variant v, unsigned localport, const char *ip, unsigned port, const char *msg,
                  char *reply, unsigned timeout) {
     const bool v6 = v == Variant::v6;
@@ -57,6 +83,11 @@ int udp_exchange(Variant v, unsigned localport, const char *ip, unsigned port, c
         else
             QDQ_LOG("sendbuf is NULL, return!\n");
         return -1;
+    }
+
+    if (v == Variant::v4 && timeout == 0 && localport != 0) {
+        const int sent = send_through_listener(localport, ip, port, msg);
+        if (sent != kNoListener) return sent;
     }
 
     qdq::Fd sock(socket(v6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
@@ -99,14 +130,11 @@ int udp_exchange(Variant v, unsigned localport, const char *ip, unsigned port, c
     if (big) {
         QDQ_LOG("send success, ret:%d,mac=%.*s\n%s\n", static_cast<int>(sent), kMacWidth,
                 deviceinfo.mac, msg);
-    } else {
+    } else if (v6) {
         QDQ_LOG("send success, ret:%d\n%s\n", static_cast<int>(sent), msg);
-        if (v6)
-            AppMgrLogLine(qdq::kLogTrace, "%s:%s", "HGSendUdpRequest_v6", msg);
-        else
-            AppMgrLogLine(qdq::kLogTrace, "%s line %d %s,localport %d:send to %s:%d %s",
-                          qdq::kPlatModule, __LINE__, "HGSendUdpRequest",
-                          static_cast<int>(localport), ip_text, static_cast<int>(port), msg);
+        AppMgrLogLine(qdq::kLogTrace, "%s:%s", "HGSendUdpRequest_v6", msg);
+    } else {
+        log_sent(localport, ip_text, port, msg, sent);
     }
     if (timeout == 0) return 0;
 

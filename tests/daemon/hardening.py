@@ -82,7 +82,20 @@ def answers_and_settles(g: Gateway, base: tuple[int, int], timeout: float = 30) 
         eventually(lambda: (c := counts(pid))[0] <= base[0] and c[1] <= base[1], timeout, "")
     except AssertionError:
         raise AssertionError(f"threads and descriptors not back to {base}: now {counts(pid)}, "
-                             f"descriptors {describe_fds(pid)}") from None
+                             f"threads {describe_threads(pid)}, descriptors {describe_fds(pid)}") from None
+
+
+def describe_threads(pid: int) -> list[str]:
+    """Each thread's name and what it waits in: enough to tell which one
+    stayed."""
+    out = []
+    for tid in sorted(os.listdir(f"/proc/{pid}/task"), key=int):
+        try:
+            task = Path(f"/proc/{pid}/task/{tid}")
+            out.append(f"{(task / 'comm').read_text().strip()}:{(task / 'wchan').read_text()}")
+        except OSError:
+            pass
+    return out
 
 
 def describe_fds(pid: int) -> list[str]:

@@ -1,5 +1,6 @@
 // UDP request client against a loopback server on 127.0.0.1.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/socket.h>
 
 #include <string>
@@ -7,6 +8,7 @@
 #include <vector>
 
 #include "net_helpers.h"
+#include "common/udp_listeners.h"
 #include "platintf/hgprocessplatintf.h"
 
 namespace {
@@ -66,6 +68,47 @@ TEST(UdpClient, OneDatagramOutAtMostOneBack) {
         }
         EXPECT_TRUE(net::logged("/var/shrcadlog.txt", c.logged));
     }
+}
+
+}  // namespace
+
+namespace {
+
+// A send-only request from a port where a local service listens leaves
+// through the service's socket, so that the platform's instant answer
+// reaches the service (with a second socket on that port the kernel hands
+// the answer to the newer socket: the sender, which drops it). The service
+// here holds its port exclusively, so a request that opened a socket of its
+// own there would fail to bind.
+TEST(UdpClient, SendOnlyFromAServicePortLeavesThroughTheService) {
+    qdq::Fd service = net::bound(SOCK_DGRAM);
+    const unsigned port = net::port_of(service.get());
+    qdq::listener_opened(service.get(), port);
+
+    qdq::Fd platform = net::bound(SOCK_DGRAM);
+    const long fds = net::open_fds();
+    char reply[512], buf[64];
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_EQ(HGSendUdpRequest(port, "127.0.0.1", net::port_of(platform.get()), "{\"Hb\":1}", reply, 0), 0);
+        sockaddr_in from{};
+        socklen_t len = sizeof from;
+        ASSERT_TRUE(net::wait_in(platform.get()));
+        const ssize_t n = recvfrom(platform.get(), buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&from), &len);
+        EXPECT_EQ(ntohs(from.sin_port), port);
+        sendto(platform.get(), buf, size_t(n), 0, reinterpret_cast<sockaddr *>(&from), len);
+        ASSERT_TRUE(net::wait_in(service.get()));
+        EXPECT_EQ(recv(service.get(), buf, sizeof buf, 0), 8);
+    }
+    EXPECT_EQ(net::open_fds(), fds);
+
+    // Once the service's socket is closed the request uses a socket of its own.
+    const int fd = service.release();
+    qdq::close_descriptor(fd);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+    qdq::Fd again = net::bound(SOCK_DGRAM);
+    EXPECT_EQ(HGSendUdpRequest(port, "127.0.0.1", net::port_of(again.get()), "{}", reply, 0), 0);  // port free again
+    EXPECT_TRUE(net::wait_in(again.get(), 2000));
+    EXPECT_EQ(net::open_fds(), fds);  // the service's socket gone, `again` opened
 }
 
 }  // namespace

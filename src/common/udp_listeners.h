@@ -1,0 +1,38 @@
+// The local UDP services' listening sockets, by port.
+//
+// The manage platform's heartbeat goes out from the gateway's local port
+// and its answer comes back to that port, where the local request service
+// listens. A second socket bound to the same port just for the send would
+// compete with the service for the answer (Linux hands a unicast datagram
+// to one of the sockets sharing a port, often the newest), and the answer
+// would be lost when the sender closes. A send-only request from a port
+// that a service listens on leaves through the service's own socket
+// instead, so the answer always reaches the service.
+//
+// A listening socket can be taken and closed by another thread (a platform
+// disconnect closes the manage service's socket), so the registry's lock
+// covers both the send and the close: a send never reaches a closed or
+// reused descriptor number.
+#pragma once
+
+#include <sys/socket.h>
+#include <sys/types.h>
+
+#include <cstddef>
+
+namespace qdq {
+
+// Records `fd` as the socket listening on UDP `port`.
+void listener_opened(int fd, unsigned port);
+
+// Closes `fd` (any descriptor; if it is a listener, it is forgotten first),
+// with `shut_down` shutting it down before the close.
+void close_descriptor(int fd, bool shut_down = false);
+
+// Sends `len` bytes to `to` from the socket listening on `port`. Returns
+// the bytes sent, or -1 with errno ENOENT when no socket listens there
+// (or the errno of the send).
+ssize_t send_from_listener(unsigned port, const void *data, std::size_t len, const struct sockaddr *to,
+                           socklen_t tolen);
+
+}  // namespace qdq
