@@ -29,12 +29,15 @@ void HGProcessPlatHeatbeat(int plattype) {
     if (plattype == QDQ_PLAT_MANAGE && rec->tcpflag == 0) {
         // The answer comes later, through the local request service on the
         // same local port, and cancels the time-out.
+        // The time-out is armed before the send: an answer that comes back
+        // before it was armed would cancel nothing, and the late time-out
+        // would then end a live session.
         char reply[512];
+        AppTimerCreate(20, qdq::kTimerManageHbTimeout, 0, QdTimeoutHandle);
         const int ret = HGSendUdpRequest(rec->localport, rec->heartbeatip, rec->heartbeatport, msg, reply, 0);
         QDQ_LOG("send udp heartbeat return %d", ret);
-        if (ret != -1) {
-            AppTimerCreate(20, qdq::kTimerManageHbTimeout, 0, QdTimeoutHandle);
-        } else {
+        if (ret == -1) {
+            AppTimerDestory(qdq::kTimerManageHbTimeout);
             QDQ_LOG("invalid internet connection!");
             HGDisconnectPlat(QDQ_PLAT_MANAGE);
         }
@@ -53,12 +56,14 @@ void HGSendTcpHeartBeat(const char *message, int plattype) {
         return;
     }
     platinfo *rec = getPlatInfo(plattype);
-    if (HgTcpSend(rec->socketfd, message) >= 1) {
-        rec->hbreplied = 0;
-        AppTimerCreate(20, plattype == QDQ_PLAT_MANAGE ? qdq::kTimerManageHbTimeout : qdq::kTimerPluginHbTimeout, 0,
-                       QdTimeoutHandle);
-    } else {
+    // Armed before the send, for the same reason as the UDP heartbeat's:
+    // the channel thread may receive the answer before HgTcpSend returns.
+    const int timeout = plattype == QDQ_PLAT_MANAGE ? qdq::kTimerManageHbTimeout : qdq::kTimerPluginHbTimeout;
+    rec->hbreplied = 0;
+    AppTimerCreate(20, timeout, 0, QdTimeoutHandle);
+    if (HgTcpSend(rec->socketfd, message) < 1) {
         // A heartbeat that could not be sent fails at once.
+        AppTimerDestory(timeout);
         ProcessHeartBeatReply(nullptr, plattype);
     }
     QDQ_LOG("HGSendTcpHeartBeat end!\n");

@@ -5,9 +5,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <string>
+#include <thread>
 
+#include "common/clock.h"
 #include "dispatch_helpers.h"
 #include "platintf/session.h"
 #include "test_env.h"
@@ -111,6 +114,43 @@ TEST_F(Session, DisconnectStopsABlockedLoopWithoutLeaks) {
         EXPECT_EQ(HGDisconnectPlat(QDQ_PLAT_PLUGIN), 0);
         EXPECT_EQ(qdq::cancel_channel_thread(QDQ_PLAT_PLUGIN, run.thread), -1);
     }
+}
+
+// The heartbeat's reply time-out is armed before the heartbeat leaves: the
+// channel thread may read the answer (which cancels the time-out) before the
+// sender's send has returned. Here the send blocks on a full socket until
+// the peer has looked at the timer. A heartbeat that cannot be sent leaves
+// no time-out behind and fails at once.
+TEST_F(Session, HeartbeatTimeOutIsArmedBeforeTheSend) {
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    const int small = 4096;
+    setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    const std::string filler(1024, 'x');
+    while (send(pair[0], filler.data(), filler.size(), MSG_DONTWAIT) > 0) {
+    }
+    pluginplatinfo.socketfd = pair[0];
+    pluginplatinfo.regflag = 1;
+    int seen = -1;
+    std::thread peer([&] {
+        // Looks while the send is blocked (it gives up after 5 scaled s).
+        const auto until = std::chrono::steady_clock::now() + qdq::scaled(4);
+        while ((seen = armed(qdq::kTimerPluginHbTimeout)) < 0 && std::chrono::steady_clock::now() < until)
+            usleep(500);
+        char buf[4096];
+        while (net::wait_in(pair[1], 500) && recv(pair[1], buf, sizeof buf, 0) > 0) {
+        }
+    });
+    HGSendTcpHeartBeat("{\"RPCMethod\":\"Hb\"}", QDQ_PLAT_PLUGIN);
+    peer.join();
+    EXPECT_EQ(seen, 20);
+    close(pair[1]);
+    close(pair[0]);
+
+    AppTimerDestory(qdq::kTimerPluginHbTimeout);
+    pluginplatinfo.socketfd = -1;
+    HGSendTcpHeartBeat("{\"RPCMethod\":\"Hb\"}", QDQ_PLAT_PLUGIN);
+    EXPECT_EQ(armed(qdq::kTimerPluginHbTimeout), -1);
 }
 
 }  // namespace
