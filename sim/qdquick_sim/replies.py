@@ -79,6 +79,11 @@ class Responder:
                            "MessageServer": self._ctx.address("message"),
                            "Interval": plat.intervals["register"]}
                 default.update(self._extra(platform, method, kind))
+            elif outcome.verdicts.get("challenge_known") is False:
+                # No Boot of this gateway seen (this platform restarted in
+                # between, say): a retry with the same challenge could never
+                # succeed, so the gateway is sent back to Boot.
+                default = {"Result": -2}
             else:
                 default = {"Result": plat.bad_checksn_result}
         elif kind == "heartbeat":
@@ -131,6 +136,7 @@ class Responder:
             return True  # nothing to check against: accept, verdicts stay unset
         with self._lock:
             challenge = self._challenges.get((platform, peer), self._latest.get(platform))
+        verdicts["challenge_known"] = challenge is not None
         verdicts["checksn_ok"] = challenge is not None and msg.get("CheckSN") == check_sn(challenge, serial)
         loid = self._ctx.config.loid
         if platform == "manage" and loid is not None:

@@ -27,6 +27,9 @@ def test_session_good_and_wrong_checksn(make_sim, platform, transport, boot, reg
     extra = {"UserID": md5u(SERIAL + LOID)} if platform == "manage" else {}
     gw = TcpGateway(port) if transport == "tcp" else UdpGateway(port)
 
+    # No Boot seen from this gateway (the platform restarted in between): back to Boot.
+    assert gw.ask({"RPCMethod": register, "CheckSN": "0" * 32, **extra}) == {"Result": -2}
+
     # A wrong serial gives a wrong CheckSN: refused with the documented -3.
     booted, refused = boot_register(gw, boot, register, serial="OTHER", **extra)
     assert booted["Result"] == 0 and len(booted["ChallengeCode"]) >= 8 and booted["Interval"] == 60
@@ -40,7 +43,7 @@ def test_session_good_and_wrong_checksn(make_sim, platform, transport, boot, reg
         assert gw.ask({"RPCMethod": heartbeat, "MAC": "m"}) == {"Result": 0, "Interval": 60}
 
     registers = [r for r in sim.file_records() if r.get("kind") == "register"]
-    assert [r["checksn_ok"] for r in registers] == [False, True]
+    assert [r["checksn_ok"] for r in registers] == [False, False, True]
     assert all(r["platform"] == platform and r["transport"] == transport for r in registers)
 
 
