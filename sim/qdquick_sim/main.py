@@ -18,7 +18,7 @@ from .context import Context
 from .control import ControlServer
 from .message import MessageServer
 from .platform import PlatformServer
-from .recorder import Recorder, stderr_echo
+from .recorder import Recorder, say, stderr_echo
 from .replies import Responder
 from .script import PLATFORMS, Script, ScriptError
 
@@ -64,7 +64,7 @@ def _print_extra(line: str) -> None:
     """A line after the ready line, which some readers stop reading at: a
     closed pipe then sends the rest of standard output to /dev/null."""
     try:
-        print(line, flush=True)
+        say(line)
     except BrokenPipeError:
         devnull = os.open(os.devnull, os.O_WRONLY)
         os.dup2(devnull, sys.stdout.fileno())
@@ -136,7 +136,7 @@ class Simulator:
     def run(self) -> int:
         for server in self.servers():
             server.start()
-        print(self.ready_line(), flush=True)
+        say(self.ready_line())
         if self.cert is not None:
             _print_extra(f"qdquick-sim appstore-ca {self.cert.cert}")
         while not self.ctx.stop.wait(0.2):

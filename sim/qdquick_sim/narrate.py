@@ -8,7 +8,7 @@ import sys
 import time
 from typing import Any, TextIO
 
-from .recorder import Record, Recorder
+from .recorder import Record, Recorder, say
 
 
 def describe(record: Record, seen_heartbeat: set[str]) -> str | None:
@@ -70,5 +70,5 @@ class NarratingRecorder(Recorder):
         record = super().add(platform, transport, direction, peer, text, **fields)
         line = describe(record, self._seen_heartbeat)
         if line is not None:
-            print(f"{time.strftime('%H:%M:%S')} sim: {line}", file=self._out, flush=True)
+            say(f"{time.strftime('%H:%M:%S')} sim: {line}", self._out)
         return record

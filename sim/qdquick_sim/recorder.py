@@ -11,6 +11,19 @@ from typing import Any, Callable, TextIO
 Record = dict[str, Any]
 
 
+_OUT_LOCK = threading.Lock()
+
+
+def say(line: str, out: TextIO | None = None) -> None:
+    """Writes one whole line and flushes it. print() writes the text and its
+    newline separately, so lines printed from several threads could run
+    into each other (a reader of the ready line would then misread it)."""
+    out = out if out is not None else sys.stdout
+    with _OUT_LOCK:
+        out.write(line + "\n")
+        out.flush()
+
+
 def parse_json(text: str) -> Any:
     """The parsed message, or None when the text is not JSON."""
     try:
@@ -57,8 +70,7 @@ class Recorder:
         if self._echo is not None:
             summary = text if text is None or len(text) < 300 else text[:300] + "..."
             extra = {k: v for k, v in fields.items() if v is not None}
-            print(f"[{record['seq']}] {platform}/{transport} {direction} {peer} {extra} {summary}",
-                  file=self._echo, flush=True)
+            say(f"[{record['seq']}] {platform}/{transport} {direction} {peer} {extra} {summary}", self._echo)
         return record
 
     def snapshot(self, since: int = 0) -> list[Record]:
