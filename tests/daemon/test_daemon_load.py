@@ -5,8 +5,8 @@ unanswered) and the daemon's thread count stays within its baseline plus
 the library's worker caps. A soak on a scaled clock - heartbeats, a platform
 restart every simulated hour, an install after each - shows flat memory,
 threads and descriptors. QDQ_SOAK_HOURS sets the simulated hours; the soak
-runs only when it is set (CTest's daemon.soak sets 24: about 8 real
-minutes)."""
+runs only when it is set (QDQ_SOAK_HOURS=24 ctest -R daemon.soak: about 8
+real minutes)."""
 
 from __future__ import annotations
 
@@ -86,7 +86,7 @@ def test_burst_of_local_commands_and_events_stays_bounded(gateway):
 
 
 @pytest.mark.skipif("QDQ_SOAK_HOURS" not in os.environ,
-                    reason="the soak runs as daemon.soak (QDQ_SOAK_HOURS=24)")
+                    reason="the soak runs on request: QDQ_SOAK_HOURS=24 ctest -R daemon.soak")
 def test_soak_on_a_scaled_clock_is_flat(gateway):
     g = gateway
     hours = int(os.environ["QDQ_SOAK_HOURS"])
@@ -114,11 +114,13 @@ def test_soak_on_a_scaled_clock_is_flat(gateway):
         print("%4d %8d %8d %4d" % s)
     third = max(1, len(samples) // 3)
     early, late = samples[:third], samples[-third:]
-    # A sample may catch a timer expiry or a reconnect in flight: a slack of
-    # two absorbs that; a leak grows past it hour after hour.
+    # A sample may catch workers in flight (a reconnect waiting out a
+    # platform restart can hold a thread for a few simulated hours); a leak
+    # never gives back, so the late third's lowest count must stay within a
+    # slack of two of the early third's highest.
     slack = 2
-    assert max(s[2] for s in late) <= max(s[2] for s in early) + slack, "threads grew"
-    assert max(s[3] for s in late) <= max(s[3] for s in early) + slack, "descriptors grew"
+    assert min(s[2] for s in late) <= max(s[2] for s in early) + slack, "threads grew"
+    assert min(s[3] for s in late) <= max(s[3] for s in early) + slack, "descriptors grew"
     # AddressSanitizer holds freed memory in quarantine (up to 256 MiB), so
     # resident memory only means something in a plain build.
     if "libasan" not in Path(f"/proc/{pid}/maps").read_text():
