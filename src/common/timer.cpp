@@ -105,5 +105,17 @@ extern "C" QDQ_API int AppTimerDestory(int timerid) {
     return 0;
 }
 
+int qdq::timer_arm_within(int seconds, int timerid, AppTimerCallback callback) {
+    const int rc = AppTimerCreate(seconds, timerid, 0, callback);
+    if (rc != 0) return rc;
+    qdq::TimerGuard guard;
+    const int index = qdq::timer_index(timerid);
+    if (index >= 0 && g_timer[index].left_time > seconds) {
+        QDQ_LOG("timer %d: %d s left, due in %d s now", timerid, g_timer[index].left_time, seconds);
+        g_timer[index].left_time = seconds;
+    }
+    return 0;
+}
+
 // Kept for the interface: the table walk it stands for writes no output.
 extern "C" QDQ_API void DumpAppTimerInfo(int index) { (void)index; }

@@ -52,4 +52,9 @@ private:
 // Index of the entry holding `timerid`, or -1. Needs timerlock.
 int timer_index(int timerid);
 
+// Arms `timerid` to fire within `seconds`: like AppTimerCreate, except that
+// a running countdown longer than that is cut short. For "do this soon"
+// requests on an id that may also carry a long periodic countdown.
+int timer_arm_within(int seconds, int timerid, AppTimerCallback callback);
+
 }  // namespace qdq

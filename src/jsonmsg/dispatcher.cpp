@@ -106,7 +106,7 @@ void acknowledge(int r) {
     AppTimerDestory(qdq::kTimerResendReply);
     const int pending = manageplatinfo.nexttimer;
     if (r == 1 && pending != 0 && srvreplyflag == 1) AppTimerCreate(1, pending, 0, QdTimeoutHandle);
-    if (r == -1) AppTimerCreate(1, qdq::kTimerConnectManage, 0, QdTimeoutHandle);
+    if (r == -1) qdq::connect_soon(qdq::kTimerConnectManage, 1);
     srvreplyflag = 0;
     manageplatinfo.nexttimer = 0;
 }

@@ -58,7 +58,7 @@ bool take_port(const cJSON *object, platinfo &rec) {
     return changed;
 }
 
-void reconnect_manage_later() { AppTimerCreate(2, qdq::kTimerConnectManage, 0, QdTimeoutHandle); }
+void reconnect_manage_later() { qdq::connect_soon(qdq::kTimerConnectManage, 2); }
 
 }  // namespace
 

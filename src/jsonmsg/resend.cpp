@@ -47,7 +47,7 @@ void HGResendManagePlatReply() {
         // Give up and connect the manage platform again.
         std::memset(platreplybuf, 0, sizeof platreplybuf);
         platresendnum = 0;
-        AppTimerCreate(2, qdq::kTimerConnectManage, 0, QdTimeoutHandle);
+        qdq::connect_soon(qdq::kTimerConnectManage, 2);
     } else {
         AppTimerCreate(kResendPeriod, qdq::kTimerResendReply, 0, QdTimeoutHandle);
     }

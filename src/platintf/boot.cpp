@@ -94,7 +94,7 @@ int HgProcessBoot(int plattype) {
         if (count <= 0) {
             AppMgrLogLine(qdq::kLogTrace, "%s line %d : ## error server addr %s is invalid, plattype:%d, deviceinfo.ipmode:%d ##",
                           qdq::kPlatModule, __LINE__, rec->MgtURL, plattype, deviceinfo.ipmode);
-            AppTimerCreate(5, connect_timer, 0, QdTimeoutHandle);
+            qdq::connect_soon(connect_timer, 5);
             HgSetPlateStatus(plattype, "try_connect_failed", -1);
             return kSessionNoAddress;
         }

@@ -208,7 +208,7 @@ void HgProcessPlatTcpConnect(int plattype) {
     }
     sock.reset();
     HGDisconnectPlat(plattype);
-    AppTimerCreate(5, connect_timer, 0, QdTimeoutHandle);
+    qdq::connect_soon(connect_timer, 5);
     QDQ_LOG("HgProcessPlatTcpMsg end! plattype:%d", plattype);
 }
 

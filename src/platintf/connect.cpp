@@ -12,10 +12,6 @@
 
 namespace {
 
-bool is_failure_code(int ret) {
-    return ret == kSessionNoAddress || ret == kSessionSuperseded || ret == kSessionWrongFamily;
-}
-
 // A connect that ends without a session gives its connection up: leaving
 // an open descriptor in `socketfd` for the next connect to overwrite with -1
 // would leak it. After a transport failure (101) the TCP client has closed
@@ -57,9 +53,14 @@ unsigned local_port(const platinfo *record, unsigned base) {
     return static_cast<unsigned>(qdq::time_seeded_rand() % 99) + base;
 }
 
-// Start of a manage or cube connect: claim the record and the thread guard.
+// Claims the record for one connect: true when no other connect holds it.
+// Test and set in one step: two connects started together (a timer expiry
+// and the host, say) would otherwise both go on from the same local port
+// and could read each other's Boot replies.
+bool claim_connect(platinfo &rec) { return __atomic_exchange_n(&rec.isinreg, 1, __ATOMIC_ACQ_REL) == 0; }
+
+// Start of a manage or cube connect, the record claimed: the thread guard.
 void begin_guarded_connect(platinfo &rec, const platinfo *record) {
-    rec.isinreg = 1;
     platregtid = pthread_self();  // older connect threads give up at their next guard
     rec.localport = local_port(record, 17100);
 }
@@ -76,7 +77,7 @@ int connect_manage(platinfo *record) {
     platinfo &rec = manageplatinfo;
     const int plattype = QDQ_PLAT_MANAGE;
     QDQ_LOG("%s start", "HGConnectManagePlat");
-    if (rec.isinreg == 1) {
+    if (!claim_connect(rec)) {
         QDQ_LOG("anotherr reging mang plat in progress,return");
         return kSessionSuperseded;
     }
@@ -92,15 +93,15 @@ int connect_manage(platinfo *record) {
     use_default_address(rec, qdq::default_manage_address(), 60001);
 
     int ret = HgProcessBoot(plattype);
-    if (is_failure_code(ret)) return connect_failed(rec, plattype, "HGConnectManagePlat", __LINE__, ret);
+    if (is_session_failure(ret)) return connect_failed(rec, plattype, "HGConnectManagePlat", __LINE__, ret);
     if (ret < 0 && ret != -2 && ret != -5) {
         rec.tcpflag = 1;
         ret = HgProcessBoot(plattype);
-        if (is_failure_code(ret)) return connect_failed(rec, plattype, "HGConnectManagePlat", __LINE__, ret);
+        if (is_session_failure(ret)) return connect_failed(rec, plattype, "HGConnectManagePlat", __LINE__, ret);
     }
     if (ret == 0) {
         ret = HgProcessRegister(plattype);
-        if (is_failure_code(ret)) return connect_failed(rec, plattype, "HGConnectManagePlat", __LINE__, ret);
+        if (is_session_failure(ret)) return connect_failed(rec, plattype, "HGConnectManagePlat", __LINE__, ret);
     }
     if (ret >= 1) {
         HgSetPlateStatus(plattype, "connected", ret);
@@ -132,7 +133,7 @@ int connect_cube(platinfo *record) {
     platinfo &rec = cubeplatinfo;
     const int plattype = QDQ_PLAT_CUBE;
     QDQ_LOG("%s start", "HGConnectCubePlat");
-    if (rec.isinreg == 1) {
+    if (!claim_connect(rec)) {
         QDQ_LOG("anotherr reging cube plat in progress,return");
         return kSessionSuperseded;
     }
@@ -146,15 +147,15 @@ int connect_cube(platinfo *record) {
     use_default_address(rec, qdq::default_cube_address(), 12112);
 
     int ret = HgProcessBoot(plattype);
-    if (is_failure_code(ret)) return connect_failed(rec, plattype, "HGConnectCubePlat", __LINE__, ret);
+    if (is_session_failure(ret)) return connect_failed(rec, plattype, "HGConnectCubePlat", __LINE__, ret);
     if (ret < 0) {
         rec.tcpflag = 1;
         ret = HgProcessBoot(plattype);
-        if (is_failure_code(ret)) return connect_failed(rec, plattype, "HGConnectCubePlat", __LINE__, ret);
+        if (is_session_failure(ret)) return connect_failed(rec, plattype, "HGConnectCubePlat", __LINE__, ret);
     }
     if (ret == 0) {
         ret = HgProcessRegister(plattype);
-        if (is_failure_code(ret)) return connect_failed(rec, plattype, "HGConnectCubePlat", __LINE__, ret);
+        if (is_session_failure(ret)) return connect_failed(rec, plattype, "HGConnectCubePlat", __LINE__, ret);
     }
     if (ret >= 1) {
         HgSetPlateStatus(plattype, "connected", ret);
@@ -175,21 +176,20 @@ int connect_plugin() {
     const int plattype = QDQ_PLAT_PLUGIN;
     rec.localport = local_port(nullptr, 17200);
     QDQ_LOG("\n######HGConnectPluginPlat() ! localport:%d\tregflag:%d", static_cast<int>(rec.localport), rec.regflag);
-    if (rec.isinreg == 1) {
+    if (!claim_connect(rec)) {
         QDQ_LOG("device is in registing, return!\n");
         return 0;
     }
     if (rec.regflag != 0) HGDisconnectPlat(plattype);
-    rec.isinreg = 1;
     qdq::close_session_socket(&rec, true);
     rec.tcpflag = 1;
     rec.spareflag = 0;
 
     int ret = HgProcessBoot(plattype);
-    if (ret < 0 || is_failure_code(ret)) return connect_failed(rec, plattype, "HGConnectPluginPlat", __LINE__, ret);
+    if (ret < 0 || is_session_failure(ret)) return connect_failed(rec, plattype, "HGConnectPluginPlat", __LINE__, ret);
     if (ret == 0) {
         ret = HgProcessRegister(plattype);
-        if (ret < 0 || is_failure_code(ret))
+        if (ret < 0 || is_session_failure(ret))
             return connect_failed(rec, plattype, "HGConnectPluginPlat", __LINE__, ret);
         if (ret == 0) {
             rec.isinreg = 0;

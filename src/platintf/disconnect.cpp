@@ -48,7 +48,7 @@ extern "C" QDQ_API int HGDisconnectPlat(int plattype) {
         QDQ_LOG("diconnect plugin platform ,need send boot message to platform now .\r\n");
     } else if (rec->isinreg == 0) {
         QDQ_LOG("diconnect manager platform ,need send boot message to platform now .\r\n");
-        AppTimerCreate(5, qdq::kTimerConnectManage, 0, QdTimeoutHandle);
+        qdq::connect_soon(qdq::kTimerConnectManage, 5);
     } else {
         QDQ_LOG("diconnect manager platform ,and manager platform is connecting. isinreg = %d \r\n", rec->isinreg);
     }

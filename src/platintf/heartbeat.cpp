@@ -23,7 +23,7 @@ void HGProcessPlatHeatbeat(int plattype) {
         return;
     }
     if (AppGetIPFromDNS(rec->heartbeatip) == -1) {
-        AppTimerCreate(60, qdq::kTimerConnectManage, 0, QdTimeoutHandle);
+        qdq::connect_soon(qdq::kTimerConnectManage, 60);
         return;
     }
     if (plattype == QDQ_PLAT_MANAGE && rec->tcpflag == 0) {

@@ -24,6 +24,12 @@ unsigned next_wait(int plattype, bool tcp, int result, unsigned previous) {
     return previous;
 }
 
+// Refusals of the challenge answer (-3) in a row after which the challenge
+// is taken for stale and a new one is fetched. Retrying the same answer can
+// never succeed when the platform lost the challenge (it restarted) or when
+// a late Boot reply, meant for an earlier attempt from this port, supplied it.
+constexpr int kRefusalsBeforeBoot = 5;
+
 }  // namespace
 
 int HgProcessRegister(int plattype) {
@@ -37,6 +43,7 @@ int HgProcessRegister(int plattype) {
     HgSetPlateStatus(plattype, "registering", 0);
     unsigned wait = 10;
     int failures = 0;
+    int refusals = 0;
     char msg[kSessionMsgSize];
     char reply[qdq::kSessionReplySize];
     for (;;) {
@@ -96,6 +103,18 @@ int HgProcessRegister(int plattype) {
             rec->isinreg = 0;
             QDQ_LOG("%s ret = %d,should return to boot again\n", "HgProcessRegister", result);
             return -2;
+        }
+        refusals = result == -3 ? refusals + 1 : 0;
+        if (refusals == kRefusalsBeforeBoot) {
+            QDQ_LOG("register refused %d times in a row, boot again for a new challenge", refusals);
+            refusals = 0;
+            const int boot = HgProcessBoot(plattype);
+            if (boot == 0) {
+                HgSetPlateStatus(plattype, "registering", 0);
+                continue;
+            }
+            // Failures end the connect as a failed Register would.
+            return boot < 0 || is_session_failure(boot) ? boot : -2;
         }
         wait = next_wait(plattype, tcp, result, wait);
         QDQ_LOG("ret=%d\tplattypt:%d\ttimeout:%d\n", result, plattype, static_cast<int>(wait));

@@ -15,6 +15,7 @@
 #include "localsvc/callbacks.h"
 #include "platintf/hgprocessplatintf.h"
 #include "platintf/push.h"
+#include "platintf/session.h"
 #include "qdquick/qdplatform.h"
 
 namespace {
@@ -235,19 +236,19 @@ int ProcessHeartBeatReply(const char *reply, int plattype) {
             AppTimerCreate(1, 13, 0, QdTimeoutHandle);
         } else {
             rec.hbfailnum = 0;  // the third failure in a row: connect anew
-            AppTimerCreate(1, 9, 0, QdTimeoutHandle);
+            qdq::connect_soon(qdq::kTimerConnectManage, 1);
         }
         QDQ_LOG("heartbeat num:%d", rec.hbfailnum);
     } else if (result == -1) {
         HgSetPlateStatus(plattype, "disconnect", result);
         AppTimerCreate(2, 17, 0, QdTimeoutHandle);
-        AppTimerCreate(5, 10, 0, QdTimeoutHandle);
+        qdq::connect_soon(qdq::kTimerConnectPlugin, 5);
         QDQ_LOG("v******************PLUGINPLAT_DISCONNECT_HANDLE******");
         QDQ_LOG("v******************PLUGINPLAT_BOOT_HANDLE**********");
     } else if (result == -3 || result == -5) {
-        AppTimerCreate(1, 9, 0, QdTimeoutHandle);
+        qdq::connect_soon(qdq::kTimerConnectManage, 1);
     } else if (result == -6 && !manage) {
-        AppTimerCreate(1, 10, 0, QdTimeoutHandle);
+        qdq::connect_soon(qdq::kTimerConnectPlugin, 1);
     } else if (result >= 0) {
         HgSetPlateStatus(plattype, "wait_heatbeat", result);
         rec.hbfailnum = 0;

@@ -13,6 +13,10 @@ inline constexpr int kSessionNoAddress = 101;   // no address / transport failed
 inline constexpr int kSessionSuperseded = 102;  // a newer connect thread took over
 inline constexpr int kSessionWrongFamily = 103; // address family mismatch (Boot)
 
+inline bool is_session_failure(int ret) {
+    return ret == kSessionNoAddress || ret == kSessionSuperseded || ret == kSessionWrongFamily;
+}
+
 // Blocking procedures; return a code above, -1, -2 (Register: boot again)
 // or the platform's "Result".
 int HgProcessBoot(int plattype);
@@ -53,6 +57,12 @@ inline constexpr int kTimerManageLocalService = 19;
 // pointer, depending on the C library).
 inline unsigned long thread_number(pthread_t t) { return (unsigned long)t; }
 inline bool thread_set(pthread_t t) { return !pthread_equal(t, pthread_t{}); }
+
+// Asks for a connect of the platform behind connect timer `timerid` within
+// `seconds`. Over TCP that timer also counts down the periodic reconnect,
+// hours away; a plain AppTimerCreate would leave that countdown running and
+// the request would be lost until then.
+void connect_soon(int timerid, int seconds);
 
 // Most addresses a platform name is resolved into.
 inline constexpr int kMaxPlatAddresses = 20;

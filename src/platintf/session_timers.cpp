@@ -1,8 +1,11 @@
 // The session's actions in the timer dispatcher (QdTimeoutHandle).
+#include "common/timer.h"
 #include "platintf/reply_process.h"
 #include "platintf/session.h"
 
 namespace qdq {
+
+void connect_soon(int timerid, int seconds) { timer_arm_within(seconds, timerid, QdTimeoutHandle); }
 
 void timer_connect_manage(int) { HGConnectManagePlat(&manageplatinfo); }
 

@@ -12,6 +12,7 @@
 
 #include "common/clock.h"
 #include "dispatch_helpers.h"
+#include "platintf/reply_process.h"
 #include "platintf/session.h"
 #include "test_env.h"
 
@@ -76,6 +77,30 @@ TEST_F(Session, ConnectRefusalsAndTheManageConnectClearingThePluginRecord) {
     EXPECT_EQ(manageplatinfo.port, 60001u);
     EXPECT_GE(manageplatinfo.localport, 17100u);
     EXPECT_LE(manageplatinfo.localport, 17198u);
+}
+
+// Over TCP the manage connect timer also counts the periodic reconnect,
+// hours away. A session that ends, or heartbeats that fail, must still bring
+// the next connect within seconds.
+TEST_F(Session, ReconnectRequestsOvertakeTheHoursLongPeriodicReconnect) {
+    const int hours = 4 * 3600;
+    AppTimerCreate(hours, qdq::kTimerConnectManage, 0, QdTimeoutHandle);
+    manageplatinfo.regflag = 1;
+    EXPECT_EQ(HGDisconnectPlat(QDQ_PLAT_MANAGE), 0);
+    EXPECT_EQ(armed(qdq::kTimerConnectManage), 5);
+
+    AppTimerDestory(qdq::kTimerConnectManage);
+    AppTimerCreate(hours, qdq::kTimerConnectManage, 0, QdTimeoutHandle);
+    manageplatinfo.interval = 60;
+    for (int i = 0; i < 3; ++i) ProcessHeartBeatReply(nullptr, QDQ_PLAT_MANAGE);
+    EXPECT_EQ(armed(qdq::kTimerConnectManage), 1);
+
+    // A connect already under way is not asked for again.
+    AppTimerDestory(qdq::kTimerConnectManage);
+    AppTimerCreate(hours, qdq::kTimerConnectManage, 0, QdTimeoutHandle);
+    manageplatinfo.isinreg = 1;
+    HGDisconnectPlat(QDQ_PLAT_MANAGE);
+    EXPECT_EQ(armed(qdq::kTimerConnectManage), hours);
 }
 
 struct LoopRun {

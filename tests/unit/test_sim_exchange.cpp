@@ -15,6 +15,7 @@
 #include "platintf/hgprocessplatintf.h"
 #include "platintf/push.h"
 #include "platintf/reply_process.h"
+#include "platintf/session.h"
 #include "platintf/session_msg.h"
 #include "sim_process.h"
 
@@ -108,6 +109,22 @@ TEST_F(SimExchange, WrongChallengeAnswerIsRefused) {
     ASSERT_EQ(GenerateRegMessage(2, "NOT-THE-CHALLENGE", msg), 0);
     EXPECT_EQ(ProcessRegReply(exchange(2, false, msg).c_str(), &manageplatinfo), -3);
     EXPECT_EQ(sim_->records_with({"\"checksn_ok\": false"}).size(), 1u);
+}
+
+// A challenge the platform no longer knows (a late Boot reply meant for an
+// earlier attempt, or a platform restarted between Boot and Register) is
+// refused for ever; after a few refusals the gateway fetches a new one.
+TEST_F(SimExchange, RegisterWithAStaleChallengeBootsAgain) {
+    deviceinfo.ipmode = AF_INET;
+    platregtid = pthread_self();
+    cubeplatinfo.port = sim_->port("cube");
+    std::snprintf(cubeplatinfo.MgtURL, sizeof cubeplatinfo.MgtURL, "127.0.0.1");
+    ASSERT_EQ(HgProcessBoot(QDQ_PLAT_CUBE), 0);
+    std::snprintf(cubeplatinfo.challengecode, sizeof cubeplatinfo.challengecode, "STALE");
+    const size_t refused = sim_->records_with({"\"checksn_ok\": false"}).size();
+    EXPECT_EQ(HgProcessRegister(QDQ_PLAT_CUBE), 1);
+    EXPECT_STREQ(cubeplatinfo.status, "connected");
+    EXPECT_EQ(sim_->records_with({"\"checksn_ok\": false"}).size() - refused, 5u);
 }
 
 TEST_F(SimExchange, PushSignatureAcceptedAndTamperedPushRejected) {

@@ -87,6 +87,13 @@ TEST_F(Timer, FiresOnTimeKeepsRunningCountdownsAndRearmsFiredOnesInPlace) {
     ASSERT_EQ(0, AppTimerCreate(3, 7, 0, record));  // 7 has fired
     EXPECT_EQ((std::vector<int>{before[0], 3, 2}), state(7));
     EXPECT_EQ(2u, fired(7, 2, 3).size());
+
+    // "Soon" cuts a long countdown short, but never lengthens a short one.
+    ASSERT_EQ(0, qdq::timer_arm_within(4, 13, record));
+    EXPECT_EQ(4, state(13)[1]);
+    ASSERT_EQ(0, qdq::timer_arm_within(50, 13, record));
+    EXPECT_LE(state(13)[1], 4);
+    EXPECT_EQ(1u, fired(13, 1, 4).size());
 }
 
 TEST_F(Timer, TableHoldsFiftyIdsAndDestroyFreesOne) {
