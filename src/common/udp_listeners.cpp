@@ -1,6 +1,7 @@
 #include "common/udp_listeners.h"
 
 #include <sys/socket.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -34,13 +35,34 @@ void listener_opened(int fd, unsigned port) {
     // Table full: that service's port simply gets no send-through.
 }
 
-void close_descriptor(int fd, bool shut_down) {
-    if (fd < 0) return;
-    std::lock_guard<std::mutex> lock(g_mutex);
+namespace {
+
+// Needs g_mutex.
+void close_locked(int fd, bool shut_down) {
     for (auto &l : g_listeners)
         if (l.fd == fd) l = Listener{};
     if (shut_down) shutdown(fd, SHUT_RDWR);
     close(fd);
+}
+
+}  // namespace
+
+void close_descriptor(int fd, bool shut_down) {
+    if (fd < 0) return;
+    std::lock_guard<std::mutex> lock(g_mutex);
+    close_locked(fd, shut_down);
+}
+
+void close_slot(int *slot, bool shut_down) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    const int fd = __atomic_exchange_n(slot, -1, __ATOMIC_ACQ_REL);
+    if (fd > 0) close_locked(fd, shut_down);
+}
+
+int duplicate_slot(const int *slot) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    const int fd = __atomic_load_n(slot, __ATOMIC_ACQUIRE);
+    return fd > 0 ? fcntl(fd, F_DUPFD_CLOEXEC, 0) : -1;
 }
 
 ssize_t send_from_listener(unsigned port, const void *data, std::size_t len, const struct sockaddr *to,

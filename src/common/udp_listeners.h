@@ -12,7 +12,8 @@
 // A listening socket can be taken and closed by another thread (a platform
 // disconnect closes the manage service's socket), so the registry's lock
 // covers both the send and the close: a send never reaches a closed or
-// reused descriptor number.
+// reused descriptor number. Session sockets held in a platform record are
+// closed and duplicated under the same lock for the same reason.
 #pragma once
 
 #include <sys/socket.h>
@@ -28,6 +29,16 @@ void listener_opened(int fd, unsigned port);
 // Closes `fd` (any descriptor; if it is a listener, it is forgotten first),
 // with `shut_down` shutting it down before the close.
 void close_descriptor(int fd, bool shut_down = false);
+
+// Takes the descriptor out of `*slot` (storing -1) and closes it as
+// close_descriptor does, both under the registry's lock. A slot holding 0
+// or less is only set to -1 (0 is what a cleared record holds).
+void close_slot(int *slot, bool shut_down = false);
+
+// A close-on-exec duplicate of the descriptor in `*slot`, taken under the
+// same lock, or -1. The duplicate stays the same connection however the
+// slot is closed meanwhile: a send on it can never reach a reused number.
+int duplicate_slot(const int *slot);
 
 // Sends `len` bytes to `to` from the socket listening on `port`. Returns
 // the bytes sent, or -1 with errno ENOENT when no socket listens there

@@ -5,6 +5,7 @@
 #include "common/log.h"
 #include "jsonmsg/processjsonmsg.h"
 #include "platintf/hgprocessplatintf.h"
+#include "platintf/session.h"
 
 namespace {
 
@@ -22,8 +23,7 @@ void resend(const char *kept) {
         // receive loop owns every read on that socket. The TCP request
         // client is not used here: with no wait it would close the
         // connection the channel is still reading.
-        const int fd = manageplatinfo.socketfd;
-        if (fd < 0 || HgTcpSend(fd, kept) < 0) QDQ_LOG("HGResendManagePlatReply: no manage connection");
+        if (qdq::session_send(&manageplatinfo, kept) < 0) QDQ_LOG("HGResendManagePlatReply: no manage connection");
         return;
     }
     // Over UDP from the platform's local port, where the local UDP service

@@ -240,7 +240,7 @@ int HgProcessPlatTcpRequest(char *message, int plattype) {
     }
     if (ret == -101) return 0;
     if (rec->regflag != 0) {
-        HgTcpSend(rec->socketfd, answer.get());
+        qdq::session_send(rec, answer.get());
         return 0;
     }
     QDQ_LOG("plat %d is already unreg!", plattype);

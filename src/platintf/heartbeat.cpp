@@ -61,7 +61,7 @@ void HGSendTcpHeartBeat(const char *message, int plattype) {
     const int timeout = plattype == QDQ_PLAT_MANAGE ? qdq::kTimerManageHbTimeout : qdq::kTimerPluginHbTimeout;
     rec->hbreplied = 0;
     AppTimerCreate(20, timeout, 0, QdTimeoutHandle);
-    if (HgTcpSend(rec->socketfd, message) < 1) {
+    if (qdq::session_send(rec, message) < 1) {
         // A heartbeat that could not be sent fails at once.
         AppTimerDestory(timeout);
         ProcessHeartBeatReply(nullptr, plattype);

@@ -97,6 +97,11 @@ int time_seeded_rand();
 // when asked) and stores -1.
 void close_session_socket(platinfo *rec, bool shut_down = false);
 
+// Sends one frame on the record's session connection (HgTcpSend's result;
+// -1 without one). Every send on a connection that another thread may
+// close goes through here: see duplicate_slot.
+int session_send(platinfo *rec, const char *text);
+
 // Cancels the platform's receive loop if it still runs on `tid`; returns
 // pthread_cancel's result, or -1 when no loop runs there (it has ended, or
 // `tid` names another thread, such as the manage platform's local UDP

@@ -9,6 +9,7 @@
 
 #include "common/clock.h"
 #include "common/log.h"
+#include "common/socket.h"
 #include "common/udp_listeners.h"
 #include "platintf/hgprocessplatintf.h"
 #include "platintf/session.h"
@@ -75,14 +76,18 @@ int session_exchange(int plattype, const platinfo &rec, const char *msg,
 }
 
 void close_session_socket(platinfo *rec, bool shut_down) {
-    // Taken out of the record in one step: a channel ending by itself and a
-    // disconnect from another thread may both get here, and only one of
-    // them may close the number (the other could close a reused one).
-    const int fd = __atomic_exchange_n(&rec->socketfd, -1, __ATOMIC_ACQ_REL);
-    // 0 is never a session socket here: a cleared record holds it.
-    if (fd <= 0) return;
-    // The manage record may hold the local service's listening socket.
-    close_descriptor(fd, shut_down);
+    // Taken out of the record and closed in one step under the descriptor
+    // lock: a channel ending by itself and a disconnect from another thread
+    // may both get here, and only one of them may close the number; a
+    // sender duplicating it meanwhile gets the connection or nothing. The
+    // manage record may hold the local service's listening socket.
+    close_slot(&rec->socketfd, shut_down);
+}
+
+int session_send(platinfo *rec, const char *text) {
+    Fd sock(duplicate_slot(&rec->socketfd));
+    if (!sock.valid()) return -1;
+    return HgTcpSend(sock.get(), text);
 }
 
 }  // namespace qdq

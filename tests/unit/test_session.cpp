@@ -2,9 +2,11 @@
 // draw, connect refusals, and stopping a channel loop from another thread
 // without leaking a descriptor or a lock.
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <string>
@@ -139,6 +141,37 @@ TEST_F(Session, DisconnectStopsABlockedLoopWithoutLeaks) {
         EXPECT_EQ(HGDisconnectPlat(QDQ_PLAT_PLUGIN), 0);
         EXPECT_EQ(qdq::cancel_channel_thread(QDQ_PLAT_PLUGIN, run.thread), -1);
     }
+}
+
+// A sender and a disconnect race on one record, and the closed number is
+// reused at once by a new connection: no frame may ever reach it.
+TEST_F(Session, SessionSendsNeverReachAReusedDescriptorNumber) {
+    std::atomic<bool> stop{false};
+    std::thread sender([&] {
+        while (!stop) qdq::session_send(&manageplatinfo, "{\"Result\":1}");
+    });
+    int stray = 0;
+    // The window is a few instructions wide: about one round in 50,000
+    // hits it without the descriptor lock. A second of rounds, whatever
+    // the machine's speed.
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    while (std::chrono::steady_clock::now() < until) {
+        int pair[2], reuse[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+        __atomic_store_n(&manageplatinfo.socketfd, pair[0], __ATOMIC_RELEASE);
+        sched_yield();
+        qdq::close_session_socket(&manageplatinfo, true);
+        close(pair[1]);
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, reuse), 0);  // takes pair[0]'s number
+        sched_yield();
+        char buf[64];
+        if (recv(reuse[1], buf, sizeof buf, MSG_DONTWAIT) > 0) ++stray;
+        close(reuse[0]);
+        close(reuse[1]);
+    }
+    stop = true;
+    sender.join();
+    EXPECT_EQ(stray, 0);
 }
 
 // The heartbeat's reply time-out is armed before the heartbeat leaves: the
