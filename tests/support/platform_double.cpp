@@ -4,7 +4,6 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 
 #include "qdquick/qdplatform.h"
 
@@ -17,19 +16,7 @@ PlatformDouble &platform() {
 
 void PlatformDouble::reset() {
     std::lock_guard<std::mutex> lock(mu);
-    loid = "LOID0001";
-    cardno = "CARD42";
-    wevrin = 0;
-    br0ip = "192.168.1.1";
-    wanlinkmode = "1";
-    child_router_json.clear();
-    uci_value = "1";
-    calls.clear();
-    setcfg.clear();
-    timer_ticks = 0;
-    stored_token.clear();
-    store_replies.clear();
-    store_requests.clear();
+    static_cast<PlatformState &>(*this) = PlatformState();
 }
 
 void PlatformDouble::record(const std::string &line) {
@@ -48,28 +35,31 @@ std::vector<std::string> PlatformDouble::calls_named(const std::string &name) {
 }  // namespace qdq_test
 
 using qdq_test::platform;
+using qdq_test::PlatformState;
 
 namespace {
-void copy_out(char *dst, size_t cap, const std::string &src) {
-    if (dst != nullptr && cap > 0) snprintf(dst, cap, "%s", src.c_str());
+
+std::string text(const char *s) { return s != nullptr ? s : ""; }
+
+// Copies the answer held in `field` into a caller's buffer of `cap` bytes.
+void copy_answer(std::string PlatformState::*field, char *dst, size_t cap) {
+    std::lock_guard<std::mutex> lock(platform().mu);
+    if (dst != nullptr) snprintf(dst, cap, "%s", (platform().*field).c_str());
 }
+
+int answer(const std::string &call, std::string PlatformState::*field, char *dst, size_t cap) {
+    platform().record(call);
+    copy_answer(field, dst, cap);
+    return 0;
+}
+
 }  // namespace
 
 extern "C" {
 
-int GetLoidInfo(char *loid) {
-    platform().record("GetLoidInfo");
-    std::lock_guard<std::mutex> lock(platform().mu);
-    copy_out(loid, QDP_LOID_SIZE, platform().loid);
-    return 0;
-}
+int GetLoidInfo(char *loid) { return answer("GetLoidInfo", &PlatformState::loid, loid, QDP_LOID_SIZE); }
 
-int GetCardNo(char *cardno) {
-    platform().record("GetCardNo");
-    std::lock_guard<std::mutex> lock(platform().mu);
-    copy_out(cardno, QDP_CARDNO_SIZE, platform().cardno);
-    return 0;
-}
+int GetCardNo(char *cardno) { return answer("GetCardNo", &PlatformState::cardno, cardno, QDP_CARDNO_SIZE); }
 
 int get_wevrin_status(void) {
     platform().record("get_wevrin_status");
@@ -77,22 +67,19 @@ int get_wevrin_status(void) {
 }
 
 int gghelper_opmode_repeatermode_get(char *br0ip, char *wanlinkmode) {
-    platform().record("gghelper_opmode_repeatermode_get");
-    std::lock_guard<std::mutex> lock(platform().mu);
-    copy_out(br0ip, QDP_BR0IP_SIZE, platform().br0ip);
-    copy_out(wanlinkmode, QDP_WANLINKMODE_SIZE, platform().wanlinkmode);
-    return 0;
+    copy_answer(&PlatformState::wanlinkmode, wanlinkmode, QDP_WANLINKMODE_SIZE);
+    return answer("gghelper_opmode_repeatermode_get", &PlatformState::br0ip, br0ip, QDP_BR0IP_SIZE);
 }
 
 struct cJSON *CreateQueryUpdateverReqjson(void) {
     platform().record("CreateQueryUpdateverReqjson");
     std::lock_guard<std::mutex> lock(platform().mu);
-    if (platform().child_router_json.empty()) return nullptr;
-    return cJSON_Parse(platform().child_router_json.c_str());
+    const std::string &json = platform().child_router_json;
+    return json.empty() ? nullptr : cJSON_Parse(json.c_str());
 }
 
 int setcfgx(const char *file, const char *key, const char *value) {
-    std::string line = std::string(file ? file : "") + " " + (key ? key : "") + " " + (value ? value : "");
+    const std::string line = text(file) + " " + text(key) + " " + text(value);
     platform().record("setcfgx " + line);
     std::lock_guard<std::mutex> lock(platform().mu);
     platform().setcfg.push_back(line);
@@ -100,28 +87,24 @@ int setcfgx(const char *file, const char *key, const char *value) {
 }
 
 int getcfgx(const char *file, const char *key, char *value) {
-    platform().record(std::string("getcfgx ") + (file ? file : "") + " " + (key ? key : ""));
+    platform().record("getcfgx " + text(file) + " " + text(key));
     if (value) value[0] = '\0';
     return -1;
 }
 
 int getUciOptionValue(const char *package, const char *section, const char *option, char *value) {
-    platform().record(std::string("getUciOptionValue ") + package + " " + section + " " + option);
-    std::lock_guard<std::mutex> lock(platform().mu);
-    copy_out(value, QDP_CFGVALUE_SIZE, platform().uci_value);
-    return 0;
+    const std::string call = "getUciOptionValue " + text(package) + " " + text(section) + " " + text(option);
+    return answer(call, &PlatformState::uci_value, value, QDP_CFGVALUE_SIZE);
 }
 
 int RunSystemCmd(const char *outfile, ...) {
     std::string line = "RunSystemCmd";
-    (void)outfile;
     va_list ap;
     va_start(ap, outfile);
     for (int i = 0; i < 64; ++i) {
         const char *w = va_arg(ap, const char *);
         if (w == nullptr || *w == '\0') break;
-        line += " ";
-        line += w;
+        line += " " + text(w);
     }
     va_end(ap);
     platform().record(line);
@@ -129,17 +112,14 @@ int RunSystemCmd(const char *outfile, ...) {
 }
 
 int stoppid(const char *process, const char *pidfile, int signo) {
-    platform().record(std::string("stoppid ") + (process ? process : "") + " " + (pidfile ? pidfile : "") +
-                      " " + std::to_string(signo));
+    platform().record("stoppid " + text(process) + " " + text(pidfile) + " " + std::to_string(signo));
     return 0;
 }
 
-int HgPushUpgradeMessage(int type, upgrademsg *message) {
+int HgPushUpgradeMessage(int type, upgrademsg *m) {
     std::string line = "HgPushUpgradeMessage " + std::to_string(type);
-    if (message) {
-        line += " " + std::to_string(message->failed) + " " + message->version + " " + message->errcode + " " +
-                message->upgradeid + " " + message->name;
-    }
+    if (m) line += " " + std::to_string(m->failed) + " " + m->version + " " + m->errcode + " " + m->upgradeid + " " +
+                   m->name;
     platform().record(line);
     return 0;
 }
@@ -150,22 +130,19 @@ void gwd_process_timer_timeout(void) {
 }
 
 int AppSendRequestToPrivateSmartPlat(const char *request, const char *server, int port, char *reply) {
-    platform().record(std::string("AppSendRequestToPrivateSmartPlat ") + (server ? server : "") + " " +
-                      std::to_string(port));
+    platform().record("AppSendRequestToPrivateSmartPlat " + text(server) + " " + std::to_string(port));
     std::lock_guard<std::mutex> lock(platform().mu);
-    platform().store_requests.push_back(request ? request : "");
+    auto &replies = platform().store_replies;
+    platform().store_requests.push_back(text(request));
     if (reply) reply[0] = '\0';
-    if (platform().store_replies.empty()) return -1;
-    copy_out(reply, QDP_REPLY_SIZE, platform().store_replies.front());
-    platform().store_replies.erase(platform().store_replies.begin());
+    if (replies.empty()) return -1;
+    if (reply) snprintf(reply, QDP_REPLY_SIZE, "%s", replies.front().c_str());
+    replies.erase(replies.begin());
     return 0;
 }
 
 int PlatGetStoredToken(char *out) {
-    platform().record("PlatGetStoredToken");
-    std::lock_guard<std::mutex> lock(platform().mu);
-    copy_out(out, QDP_TOKEN_SIZE, platform().stored_token);
-    return 0;
+    return answer("PlatGetStoredToken", &PlatformState::stored_token, out, QDP_TOKEN_SIZE);
 }
 
 }  // extern "C"

@@ -8,8 +8,8 @@
 
 namespace qdq_test {
 
-struct PlatformDouble {
-    std::mutex mu;
+// What the doubles answer and what they saw; reset() restores these values.
+struct PlatformState {
     std::string loid = "LOID0001";
     std::string cardno = "CARD42";
     int wevrin = 0;
@@ -23,6 +23,10 @@ struct PlatformDouble {
     std::string stored_token;                 // PlatGetStoredToken answer
     std::vector<std::string> store_replies;   // app store answers in order; none left: -1
     std::vector<std::string> store_requests;  // app store request texts sent
+};
+
+struct PlatformDouble : PlatformState {
+    std::mutex mu;  // guards the state
 
     void reset();
     void record(const std::string &line);

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <sstream>
@@ -23,6 +24,10 @@ SimProcess::SimProcess(std::vector<std::string> options) {
                                      "--bind", "127.0.0.1", "--cube-port", "0", "--manage-port", "0",
                                      "--plugin-port", "0", "--message-port", "0", "--record", record_};
     args.insert(args.end(), options.begin(), options.end());
+    // Built before the fork: the child of a threaded process must not allocate.
+    std::vector<char *> argv;
+    for (auto &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+    argv.push_back(nullptr);
     int out[2];
     if (pipe(out) != 0) return;
     pid_ = fork();
@@ -30,9 +35,6 @@ SimProcess::SimProcess(std::vector<std::string> options) {
         dup2(out[1], 1);
         close(out[0]);
         close(out[1]);
-        std::vector<char *> argv;
-        for (auto &a : args) argv.push_back(const_cast<char *>(a.c_str()));
-        argv.push_back(nullptr);
         execv(argv[0], argv.data());
         _exit(127);
     }
@@ -55,11 +57,9 @@ SimProcess::SimProcess(std::vector<std::string> options) {
 }
 
 SimProcess::~SimProcess() {
-    if (pid_ > 0) {
-        kill(pid_, SIGTERM);
-        int status;
-        waitpid(pid_, &status, 0);
-    }
+    if (pid_ <= 0) return;
+    kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
 }
 
 unsigned SimProcess::port(const std::string &service) const {
@@ -72,11 +72,9 @@ std::vector<std::string> SimProcess::records_with(const std::vector<std::string>
     std::vector<std::string> out;
     std::istringstream lines(read_file(record_));
     std::string line;
-    while (std::getline(lines, line)) {
-        bool all = true;
-        for (const auto &n : needles) all = all && line.find(n) != std::string::npos;
-        if (all) out.push_back(line);
-    }
+    auto in_line = [&line](const std::string &needle) { return line.find(needle) != std::string::npos; };
+    while (std::getline(lines, line))
+        if (std::all_of(needles.begin(), needles.end(), in_line)) out.push_back(line);
     return out;
 }
 

@@ -20,9 +20,8 @@ public:
     bool ready() const { return pid_ > 0 && !ports_.empty(); }
     // Port of "cube", "manage", "plugin", "message"; 0 when unknown.
     unsigned port(const std::string &service) const;
-    // The record file (JSON lines) the simulator writes.
-    const std::string &record_file() const { return record_; }
-    // Lines of the record file that contain every one of `needles`.
+    // Lines of the record file (JSON lines the simulator writes) that
+    // contain every one of `needles`.
     std::vector<std::string> records_with(const std::vector<std::string> &needles) const;
 
 private:

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -16,7 +17,8 @@
 namespace qdq_test {
 namespace {
 std::string g_root;
-}
+double env_number(const char *name, double fallback) { return getenv(name) ? atof(getenv(name)) : fallback; }
+}  // namespace
 
 const std::string &root() { return g_root; }
 std::string in_root(const std::string &fixed) { return g_root + fixed; }
@@ -33,16 +35,8 @@ void write_file(const std::string &file, const std::string &content) {
     out << content;
 }
 
-double time_scale() {
-    const char *v = getenv("QDQUICK_TIME_SCALE");
-    return v ? atof(v) : 1.0;
-}
-
-double slowdown() {
-    const char *v = getenv("QDQ_TEST_SLOWDOWN");
-    double factor = v ? atof(v) : 1.0;
-    return factor >= 1.0 ? factor : 1.0;
-}
+double time_scale() { return env_number("QDQUICK_TIME_SCALE", 1.0); }
+double slowdown() { return std::max(1.0, env_number("QDQ_TEST_SLOWDOWN", 1.0)); }
 
 }  // namespace qdq_test
 
@@ -53,12 +47,10 @@ int main(int argc, char **argv) {
         return 2;
     }
     qdq_test::g_root = tmpl;
-    for (const char *d : {"/var", "/qdconf", "/etc", "/etc/config", "/etc/config/system", "/tmp"}) {
-        std::string p = qdq_test::g_root + d;
-        mkdir(p.c_str(), 0755);
-    }
+    for (const char *d : {"/var", "/qdconf", "/etc", "/etc/config", "/etc/config/system", "/tmp"})
+        mkdir((qdq_test::g_root + d).c_str(), 0755);
     setenv("QDQUICK_ROOT", tmpl, 1);
-    setenv("QDQUICK_TIME_SCALE", getenv("QDQUICK_TIME_SCALE") ? getenv("QDQUICK_TIME_SCALE") : "0.01", 1);
+    setenv("QDQUICK_TIME_SCALE", "0.01", 0);
     ::testing::InitGoogleTest(&argc, argv);
     int rc = RUN_ALL_TESTS();
     if (getenv("QDQUICK_KEEP_ROOT") == nullptr) {
