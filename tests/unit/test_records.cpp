@@ -16,16 +16,12 @@ TEST(Records, AccessorsSelectByType) {
 }
 
 TEST(Records, MacFromSerial) {
-    struct Case {
-        const char *sn, *marker, *preset, *mac;
-    } cases[] = {
-        {"ABCDEFGH1234567890XY", "#", "", "1234567890XY"},  // last 12
-        {"SN123456", "#", "", "SN123456"},                  // short: whole
-        {"123456789012", "", "", "123456789012"},           // exactly 12
-        {"GW-001122334455", "0011", "", "001122334455"},    // from the marker on
-        {"ABCDEFGH1234567890XY", "#", "AA:BB", "AA:BB"},    // host's value kept
-    };
-    for (const auto &c : cases) {
+    struct Case { const char *sn, *marker, *preset, *mac; };
+    for (const Case &c : {Case{"ABCDEFGH1234567890XY", "#", "", "1234567890XY"},  // last 12
+                          {"SN123456", "#", "", "SN123456"},                      // short: whole
+                          {"123456789012", "", "", "123456789012"},               // exactly 12
+                          {"GW-001122334455", "0011", "", "001122334455"},        // from the marker on
+                          {"ABCDEFGH1234567890XY", "#", "AA:BB", "AA:BB"}}) {     // host's value kept
         std::snprintf(deviceinfo.mac, sizeof deviceinfo.mac, "%s", c.preset);
         GetMacInSn(c.sn, c.marker);
         EXPECT_STREQ(deviceinfo.mac, c.mac) << c.sn;
@@ -41,13 +37,12 @@ int g_status_calls;
 void on_status(int, const char *, int) { ++g_status_calls; }
 
 TEST(Records, InitKeepsCallbacksClearsRecordsAndMarksUnconfigured) {
-    EXPECT_EQ(initQdQuick(nullptr), 0);  // no effect
     std::snprintf(manageplatinfo.MgtURL, sizeof manageplatinfo.MgtURL, "old.example");
     manageplatinfo.regflag = 1;
     std::snprintf(messageserver.addr, sizeof messageserver.addr, "10.0.0.9");
     std::snprintf(updateserver.addr, sizeof updateserver.addr, "10.0.0.8");
     std::snprintf(deviceinfo.devsn, sizeof deviceinfo.devsn, "SN1");
-    EXPECT_EQ(initQdQuick(nullptr), 0);
+    EXPECT_EQ(initQdQuick(nullptr), 0);  // no effect
     EXPECT_STREQ(manageplatinfo.MgtURL, "old.example");
 
     quickevcb_t cb{};
