@@ -1,7 +1,6 @@
-// Session procedures without a platform: the thread guard, connect
-// refusals, stopping a channel loop from another thread without leaking a
-// descriptor or a lock, and what the platforms' answers do to the records,
-// the configuration, the status word and the timers.
+// Session procedures without a platform (thread guard, connect refusals, a
+// channel loop stopped from another thread) and what the platforms' answers
+// do to the records, the configuration, the status word and the timers.
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/socket.h>
@@ -151,9 +150,7 @@ TEST_F(Session, SessionSendsNeverReachAReusedDescriptorNumber) {
         while (!stop) qdq::session_send(&manageplatinfo, "{\"Result\":1}");
     });
     int stray = 0;
-    // The window is a few instructions wide: about one round in 50,000
-    // hits it without the descriptor lock. A second of rounds, whatever
-    // the machine's speed.
+    // Without the descriptor lock about one round in 50,000 hits the window.
     const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(1);
     while (std::chrono::steady_clock::now() < until) {
         int pair[2], reuse[2];
@@ -174,11 +171,9 @@ TEST_F(Session, SessionSendsNeverReachAReusedDescriptorNumber) {
     EXPECT_EQ(stray, 0);
 }
 
-// The heartbeat's reply time-out is armed before the heartbeat leaves: the
-// channel thread may read the answer (which cancels the time-out) before the
-// sender's send has returned. Here the send blocks on a full socket until
-// the peer has looked at the timer. A heartbeat that cannot be sent leaves
-// no time-out behind and fails at once.
+// The reply time-out is armed before the heartbeat leaves (the answer, which
+// cancels it, may be read before the send returns): here the send blocks on
+// a full socket until the peer has looked. An unsendable heartbeat leaves none.
 TEST_F(Session, HeartbeatTimeOutIsArmedBeforeTheSend) {
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
