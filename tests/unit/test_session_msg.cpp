@@ -244,24 +244,20 @@ TEST_F(SimExchange, PushSignatureAcceptedAndTamperedPushRejected) {
     EXPECT_EQ(SendPushMessage("plugin b01 started", "com.x.b01"), 0);
     EXPECT_EQ(sim_->records_with({"\"signature_ok\": true", "plugin b01 started"}).size(), 1u);
 
-    // The same body with one field altered after signing.
+    // A body altered after signing (each field's part in the digest: tests/sim/test_message.py).
     const std::string body = BuildPushMessage("door open", nullptr, "20240305070809");
     EXPECT_EQ(keys_of(body), (Keys{"RPCMethod", "Plugin_Name", "time", "MD5", "mac", "Message"}));
     EXPECT_EQ(value_of(body, "Plugin_Name"), "");
-    for (const char *field : {"time", "Message", "mac", "MD5"}) {
-        SCOPED_TRACE(field);
-        qdq::JsonPtr obj(cJSON_Parse(body.c_str()));
-        cJSON_ReplaceItemInObject(obj.get(), field, cJSON_CreateString(
-            std::string(field) == "Message" ? "ZG9vciBjbG9zZWQ=" : "20240305070810"));
-        qdq::CText text(cJSON_PrintUnformatted(obj.get()));
-        qdq::Fd sock = net::connected(messageserver.port);
-        ASSERT_GT(HgTcpSend(sock.get(), text.get()), 0);
-        char *raw = nullptr;
-        ASSERT_GT(HgTcpRcv(sock.get(), &raw), 0);
-        qdq::CText reply(raw);
-        EXPECT_EQ(HGProcessPushReply(reply.get()), 1);
-    }
-    EXPECT_EQ(sim_->records_with({"\"signature_ok\": false"}).size(), 4u);
+    qdq::JsonPtr obj(cJSON_Parse(body.c_str()));
+    cJSON_ReplaceItemInObject(obj.get(), "Message", cJSON_CreateString("ZG9vciBjbG9zZWQ="));
+    qdq::CText text(cJSON_PrintUnformatted(obj.get()));
+    qdq::Fd sock = net::connected(messageserver.port);
+    ASSERT_GT(HgTcpSend(sock.get(), text.get()), 0);
+    char *raw = nullptr;
+    ASSERT_GT(HgTcpRcv(sock.get(), &raw), 0);
+    qdq::CText reply(raw);
+    EXPECT_EQ(HGProcessPushReply(reply.get()), 1);
+    EXPECT_EQ(sim_->records_with({"\"signature_ok\": false"}).size(), 1u);
 }
 
 TEST(PushReply, ResultRules) {
