@@ -10,15 +10,12 @@ from __future__ import annotations
 
 import argparse
 import os
-import signal
 import sys
-import threading
-from types import FrameType
 from typing import Any
 
 from .config import DEFAULT_PORTS, Config
 from .jobmanager import JobManager
-from .main import Simulator
+from .main import Simulator, stop_on_signals
 from .narrate import NarratingRecorder
 from .packages import PackageServer
 from .recorder import stderr_echo
@@ -89,12 +86,7 @@ def _appstore(args: argparse.Namespace, sim: Simulator) -> bool:
 
 def main(argv: list[str]) -> int:
     args = parse_args(argv)
-    stop = threading.Event()
-
-    def on_signal(signum: int, frame: FrameType | None) -> None:
-        stop.set()
-    signal.signal(signal.SIGTERM, on_signal)
-    signal.signal(signal.SIGINT, on_signal)
+    stop = stop_on_signals()
 
     recorder = NarratingRecorder(args.record, stderr_echo(args.verbose),
                                  open(os.devnull, "w") if args.quiet else sys.stdout)

@@ -148,16 +148,21 @@ class Simulator:
         return 0
 
 
-def main(argv: list[str] | None = None) -> int:
-    config = parse_args(argv)
+def stop_on_signals() -> threading.Event:
+    """An event set by SIGTERM or SIGINT. Installed before any socket exists,
+    so a test that stops us early still sees exit status 0."""
     stop = threading.Event()
 
     def on_signal(signum: int, frame: FrameType | None) -> None:
         stop.set()
-    # Installed before any socket exists, so a test that stops us early
-    # still sees exit status 0.
     signal.signal(signal.SIGTERM, on_signal)
     signal.signal(signal.SIGINT, on_signal)
+    return stop
+
+
+def main(argv: list[str] | None = None) -> int:
+    config = parse_args(argv)
+    stop = stop_on_signals()
     try:
         script = Script.load(config.script_path) if config.script_path else Script()
     except ScriptError as exc:
