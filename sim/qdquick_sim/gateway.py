@@ -98,8 +98,7 @@ def main(argv: list[str]) -> int:
     extras: list[Any] = []
     try:
         packages = PackageServer(args.packages, HOST, args.package_port, recorder)
-        jobmanager = JobManager(HOST, args.jobmanager_port, recorder)
-        extras += [packages, jobmanager]
+        extras.append(packages)
         size = os.path.getsize(package_path) if not args.no_install else 0
         script = Script.from_obj(gateway_script(args, packages.url(HOST, SAMPLE_FILE), size))
         config = Config(ports={name: getattr(args, f"{name}_port") for name in DEFAULT_PORTS},
@@ -108,6 +107,8 @@ def main(argv: list[str]) -> int:
         sim = Simulator(config, script, stop)
         sim.recorder.close()
         sim.recorder = sim.ctx.recorder = recorder
+        jobmanager = JobManager(HOST, args.jobmanager_port, sim.ctx)
+        extras.append(jobmanager)
         sim.bind()
     except (OSError, ScriptError) as exc:
         for server in extras:
