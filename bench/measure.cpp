@@ -82,14 +82,24 @@ void print_table(const std::vector<Figure> &figures, const std::string &header) 
     std::printf("%s\n\n", header.c_str());
     std::printf("| # | figure | qdquick | baseline | cost ratio | baseline is |\n");
     std::printf("|---|---|---:|---:|---:|---|\n");
+    // A count whose baseline is zero by nature (log lines of a bare echo,
+    // failures) has no ratio: it goes below the table as a note.
+    std::vector<const Figure *> notes;
     for (const Figure &f : figures) {
-        std::string ratio = "n/a";
-        double num = f.higher_better ? f.base : f.ours, den = f.higher_better ? f.ours : f.base;
-        if (den > 0 && num > 0) ratio = number(num / den);
+        if (f.ours <= 0 || f.base <= 0) {
+            notes.push_back(&f);
+            continue;
+        }
+        const double ratio = f.higher_better ? f.base / f.ours : f.ours / f.base;
         std::printf("| %s | %s | %s %s | %s %s | %s | %s |\n", f.row.c_str(), f.name.c_str(),
                     number(f.ours).c_str(), f.unit.c_str(), number(f.base).c_str(), f.unit.c_str(),
-                    ratio.c_str(), f.baseline.c_str());
+                    number(ratio).c_str(), f.baseline.c_str());
     }
+    if (!notes.empty()) std::printf("\nNo ratio (a zero on one side):\n");
+    for (const Figure *f : notes)
+        std::printf("- row %s, %s: qdquick %s%s, baseline %s%s (%s)\n", f->row.c_str(), f->name.c_str(),
+                    number(f->ours).c_str(), f->unit.c_str(), number(f->base).c_str(), f->unit.c_str(),
+                    f->baseline.c_str());
     std::fflush(stdout);
 }
 

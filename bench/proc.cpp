@@ -118,6 +118,14 @@ Usage usage_of(pid_t pid) {
         rest >> utime >> stime;
         u.cpu_seconds = (utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
     }
+    if (DIR *d = opendir((dir + "/task").c_str())) {
+        while (dirent *e = readdir(d)) {
+            if (e->d_name[0] == '.') continue;
+            unsigned long long ns = 0;
+            if (std::ifstream(dir + "/task/" + e->d_name + "/schedstat") >> ns) u.live_cpu_seconds += ns / 1e9;
+        }
+        closedir(d);
+    }
     return u;
 }
 

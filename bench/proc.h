@@ -35,7 +35,10 @@ private:
 // Figures of a live process.
 struct Usage {
     double rss_kib = 0, vm_kib = 0, threads = 0, fds = 0;
-    double cpu_seconds = 0;  // user + system time so far
+    double cpu_seconds = 0;  // user + system time so far (10 ms ticks)
+    // On-CPU time of the threads alive now, from the scheduler's nanosecond
+    // counters: fine enough for an idle process, blind to ended threads.
+    double live_cpu_seconds = 0;
 };
 Usage usage_of(pid_t pid);
 

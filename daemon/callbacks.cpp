@@ -29,11 +29,7 @@ void on_timer(int timerid, int, int, int) {
 }
 
 void on_status(int plattype, const char *status, int result) {
-    try {
-        post_event({Event::kStatus, plattype, result, status != nullptr ? status : ""});
-    } catch (const std::exception &e) {
-        note("status of platform %d: %s", plattype, e.what());
-    }
+    guarded("platform status", [&] { post_event({Event::kStatus, plattype, result, status != nullptr ? status : ""}); });
 }
 
 void on_distri(int, platinfo *record) {
@@ -50,19 +46,11 @@ void on_distri(int, platinfo *record) {
 }
 
 void on_quick_install(char *reply, const char *request) {
-    try {
-        answer_quick_install(reply, kQuickReplySize, request);
-    } catch (const std::exception &e) {
-        note("quick-install request: %s", e.what());
-    }
+    guarded("quick-install request", [&] { answer_quick_install(reply, kQuickReplySize, request); });
 }
 
 void on_ability(cJSON *command, int *plattype) {
-    try {
-        run_ability(command, plattype != nullptr ? *plattype : 0);
-    } catch (const std::exception &e) {
-        note("ability command: %s", e.what());
-    }
+    guarded("ability command", [&] { run_ability(command, plattype != nullptr ? *plattype : 0); });
 }
 
 }  // namespace

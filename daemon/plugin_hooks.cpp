@@ -3,8 +3,6 @@
 // and install, "Run"/"Stop" act on installed plugins, and the list and the
 // status reports reflect what the daemon knows. No exception reaches the
 // library.
-#include <exception>
-
 #include "plugins.h"
 #include "qdquick/qdquick.h"
 #include "say.h"
@@ -13,46 +11,23 @@ namespace qdd {
 namespace {
 
 int on_install(int os, const char *name, const char *version, const char *url, int, const char *upgradeid) {
-    try {
-        return plugin_install(os, name, version, url, upgradeid);
-    } catch (const std::exception &e) {
-        note("install: %s", e.what());
-        return -3;
-    }
+    return guarded("install", -3, [&] { return plugin_install(os, name, version, url, upgradeid); });
 }
 
 int on_run(const char *name, const char *version) {
-    try {
-        return plugin_run(name, version);
-    } catch (const std::exception &e) {
-        note("run: %s", e.what());
-        return -1;
-    }
+    return guarded("run", -1, [&] { return plugin_run(name, version); });
 }
 
 int on_stop(const char *name, const char *version) {
-    try {
-        return plugin_stop(name, version);
-    } catch (const std::exception &e) {
-        note("stop: %s", e.what());
-        return -1;
-    }
+    return guarded("stop", -1, [&] { return plugin_stop(name, version); });
 }
 
 void on_status(const char *name, const char *version, const char *status, const char *upgradeid) {
-    try {
-        plugin_status(name, version, status, upgradeid);
-    } catch (const std::exception &e) {
-        note("plugin status: %s", e.what());
-    }
+    guarded("plugin status", [&] { plugin_status(name, version, status, upgradeid); });
 }
 
 void on_list(cJSON *list) {
-    try {
-        plugins_add_to_list(list);
-    } catch (const std::exception &e) {
-        note("plugin list: %s", e.what());
-    }
+    guarded("plugin list", [&] { plugins_add_to_list(list); });
 }
 
 }  // namespace

@@ -2,6 +2,9 @@
 // output (unless quiet) and the same line in its log file.
 #pragma once
 
+#include <exception>
+#include <utility>
+
 namespace qdd {
 
 // Log file of the daemon, beside the library's logs (root applied by
@@ -14,5 +17,26 @@ void set_quiet(bool quiet);
 void say(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // Detail for the log only.
 void note(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// Runs a callback's work on a library thread: an exception must not travel
+// back into the library, so it is noted as `what` and `fallback` returned.
+template <typename R, typename F>
+R guarded(const char *what, R fallback, F &&work) {
+    try {
+        return std::forward<F>(work)();
+    } catch (const std::exception &e) {
+        note("%s: %s", what, e.what());
+        return fallback;
+    }
+}
+
+template <typename F>
+void guarded(const char *what, F &&work) {
+    try {
+        std::forward<F>(work)();
+    } catch (const std::exception &e) {
+        note("%s: %s", what, e.what());
+    }
+}
 
 }  // namespace qdd

@@ -3,7 +3,7 @@
 # sanitizers) into build-bench/ and runs qdquick-bench in a private network
 # namespace (it binds the fixed ports 18401 and 18998).
 #   scripts/bench.sh            full run (0.5 s windows, medians of 9, 60 idle s)
-#   scripts/bench.sh --quick    short run (about half a minute)
+#   scripts/bench.sh --quick    short run (about a minute)
 # Other arguments go to qdquick-bench (--rows 1,3,4 ...).
 set -eu
 cd "$(dirname "$0")/.."

@@ -1,12 +1,15 @@
 #!/bin/sh
 # The main job: installs what is needed, builds, and runs the demo host.
+# QDQ_DEMO_BUILD=DIR runs it on a tree already built in DIR (the test of
+# this script does).
 set -eu
 cd "$(dirname "$0")/.."
-if [ -z "${QDQ_DEMO_INSIDE:-}" ]; then
+if [ -z "${QDQ_DEMO_INSIDE:-}" ] && [ -z "${QDQ_DEMO_BUILD:-}" ]; then
 ./scripts/deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j "$(nproc)" >/dev/null
 fi
+build=${QDQ_DEMO_BUILD:-$(pwd)/build}
 # From here: the simulator (operator side) and qdquickd (the gateway) on
 # loopback, in a private network namespace when possible so that the fixed
 # ports (7998, 18401, 18998, 17401, 60001...) never meet anything else.
@@ -25,23 +28,22 @@ if [ -z "${QDQ_DEMO_INSIDE:-}" ] && unshare --net true 2>/dev/null; then
 fi
 export QDQ_DEMO_INSIDE="${QDQ_DEMO_INSIDE:-host}"
 
-top=$(pwd)
 scale=${QDQUICK_TIME_SCALE:-0.1}   # platform intervals of 60 s pass in 6 s
 export QDQUICK_TIME_SCALE=$scale
-root=$(mktemp -d /tmp/qdquick-demo.XXXXXX)
+root=$(mktemp -d "${TMPDIR:-/tmp}/qdquick-demo.XXXXXX")
 mkdir -p "$root/etc"
 sed -e "s|\"root\": \"\"|\"root\": \"$root\"|" -e 's|"retry_seconds": 30|"retry_seconds": 10|' \
     daemon/qdquickd.json > "$root/etc/qdquickd.json"
 
 say() { printf '%s demo: %s\n' "$(date +%H:%M:%S)" "$*"; }
-sim_pid= daemon_pid=
+sim_pid= daemon_pid= daemon_status=0
 stop_all() {
   trap - EXIT INT TERM
   if [ -n "$daemon_pid" ] && kill -0 "$daemon_pid" 2>/dev/null; then
     say "stopping qdquickd (SIGTERM)"
     kill -TERM "$daemon_pid"
-    status=0; wait "$daemon_pid" || status=$?
-    say "qdquickd exited with status $status"
+    wait "$daemon_pid" || daemon_status=$?
+    say "qdquickd exited with status $daemon_status"
   fi
   if [ -n "$sim_pid" ] && kill -0 "$sim_pid" 2>/dev/null; then
     kill -TERM "$sim_pid"; wait "$sim_pid" 2>/dev/null || true
@@ -70,11 +72,11 @@ say "root $root (network: $QDQ_DEMO_INSIDE, time scale $scale)"
 (tail -n +1 --pid=$$ -f "$root/sim.out" | grep --line-buffered ' sim: ') &
 (tail -n +1 --pid=$$ -f "$root/daemon.out" | grep --line-buffered -E ' qdquickd: |^sampleplugin: ') &
 /usr/bin/python3 sim/qdquick-sim --gateway --time-scale "$scale" \
-    --packages build/examples/sample-plugin/packages --record "$root/sim-record.jsonl" \
+    --packages "$build/examples/sample-plugin/packages" --record "$root/sim-record.jsonl" \
     > "$root/sim.out" 2> "$root/sim.err" &
 sim_pid=$!
 wait_for '^qdquick-sim ready' 10 "$root/sim.out" || { say "the simulator did not start:"; cat "$root/sim.err"; exit 1; }
-./build/daemon/qdquickd -c "$root/etc/qdquickd.json" > "$root/daemon.out" 2>&1 &
+"$build/daemon/qdquickd" -c "$root/etc/qdquickd.json" > "$root/daemon.out" 2>&1 &
 daemon_pid=$!
 
 ok=1
@@ -83,28 +85,14 @@ wait_for 'manage platform: heartbeat received' 30 "$root/sim.out" || ok=0
 wait_for 'plugin platform: heartbeat answered' 30 "$root/daemon.out" || ok=0
 
 # A local program asks the gateway for its plugins on the local TCP port.
-answer=$(/usr/bin/python3 - <<'PY'
-import json, socket, struct
-s = socket.create_connection(("127.0.0.1", 18998), timeout=10)
-body = json.dumps({"RPCMethod": "ListPlugin", "ID": "demo-1"}).encode()
-s.sendall(struct.pack(">I", len(body)) + body)
-head = s.recv(4, socket.MSG_WAITALL)
-n = struct.unpack(">I", head)[0] if len(head) == 4 else 0
-data = b""
-while len(data) < n:
-    chunk = s.recv(n - len(data))
-    if not chunk:
-        break
-    data += chunk
-print(json.dumps(json.loads(data)) if data else "(no answer)")
-PY
-) || answer="(no answer: $?)"
+cli=$build/tools/cli/qdquick-cli
+answer=$("$cli" --tcp --raw '{"RPCMethod":"ListPlugin","ID":"demo-1"}' 2>&1) || answer="(no answer: $answer)"
+answer=$(printf '%s' "$answer" | tr -d '\n\t')   # one line on the screen
 say "local ListPlugin answered: $answer"
 case "$answer" in *sample*) ;; *) ok=0 ;; esac
 
 if [ "$keep" = 1 ]; then
   pfx=""; [ "$QDQ_DEMO_INSIDE" = netns ] && pfx="nsenter -t $$ -n "
-  cli=$top/build/tools/cli/qdquick-cli
   cat <<EOT
 
 The gateway keeps running. From another terminal try:
@@ -123,4 +111,4 @@ fi
 sleep 1
 if [ "$ok" = 1 ]; then say "all shown: registrations, heartbeats, install, plugin running, local answer"; else say "something was missing (see $root)"; fi
 stop_all
-[ "$ok" = 1 ]
+[ "$ok" = 1 ] && [ "$daemon_status" = 0 ]

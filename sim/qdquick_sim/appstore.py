@@ -21,7 +21,7 @@ from typing import Any
 from .certs import CertFiles
 from .context import Context
 from .http import HttpRequest, RequestError, answer_bytes, read_request
-from .platform import peer_text
+from .platform import serve_connections
 from .recorder import to_text
 from .script import Answer
 
@@ -184,19 +184,10 @@ class AppStoreServer:
         self._tls.load_cert_chain(cert.cert, cert.key)
 
     def start(self) -> None:
-        threading.Thread(target=self._accept_loop, name="appstore-accept", daemon=True).start()
+        serve_connections(self._ctx, self._sock, "appstore", self._serve)
 
     def stop(self) -> None:
         self._sock.close()
-
-    def _accept_loop(self) -> None:
-        while not self._ctx.stop.is_set():
-            try:
-                raw, addr = self._sock.accept()
-            except OSError:
-                return
-            threading.Thread(target=self._serve, args=(raw, peer_text(addr)), daemon=True,
-                             name=f"appstore-{peer_text(addr)}").start()
 
     def _serve(self, raw: socket.socket, peer: str) -> None:
         rec = self._ctx.recorder

@@ -38,6 +38,7 @@ class Config:
     time_scale: float = 1.0
     verbose: bool = False
     appstore_port: int | None = None
+    jobmanager_port: int | None = None
     appstore_cert_dir: str | None = None
     mac: str | None = None
 
@@ -71,6 +72,8 @@ def parse_args(argv: list[str] | None = None) -> Config:
                             help=f"{name} {'server' if name == 'message' else 'platform'}, {kind} (default {port})")
     parser.add_argument("--control-port", type=_port, metavar="PORT",
                         help="line-based JSON control port on 127.0.0.1 (default: off; 0 = any free port)")
+    parser.add_argument("--jobmanager-port", type=_port, metavar="PORT",
+                        help="also act as the gateway's local job manager on UDP PORT of 127.0.0.1 (17401 on a gateway)")
     parser.add_argument("--appstore-port", type=_port, metavar="PORT",
                         help="app store over HTTPS (default: off; 0 = any free port)")
     parser.add_argument("--appstore-cert-dir", metavar="DIR",
@@ -98,4 +101,4 @@ def parse_args(argv: list[str] | None = None) -> Config:
         ports={name: getattr(args, f"{name}_port") for name in DEFAULT_PORTS},
         control_port=args.control_port, script_path=args.script, record_path=args.record,
         serial=args.serial, loid=args.loid, time_scale=args.time_scale, verbose=args.verbose,
-        appstore_port=args.appstore_port, appstore_cert_dir=args.appstore_cert_dir, mac=args.mac)
+        appstore_port=args.appstore_port, jobmanager_port=args.jobmanager_port, appstore_cert_dir=args.appstore_cert_dir, mac=args.mac)

@@ -7,11 +7,10 @@ from __future__ import annotations
 
 import json
 import socket
-import threading
 from typing import Any, Callable
 
 from .context import Context
-from .platform import PlatformServer
+from .platform import PlatformServer, serve_connections
 from .recorder import Record, to_text
 from .script import PLATFORMS, Script
 
@@ -36,20 +35,12 @@ class ControlServer:
         }
 
     def start(self) -> None:
-        threading.Thread(target=self._accept_loop, name="control-accept", daemon=True).start()
+        serve_connections(self._ctx, self._sock, "control", self._serve)
 
     def stop(self) -> None:
         self._sock.close()
 
-    def _accept_loop(self) -> None:
-        while not self._ctx.stop.is_set():
-            try:
-                conn, _ = self._sock.accept()
-            except OSError:
-                return
-            threading.Thread(target=self._serve, args=(conn,), name="control-conn", daemon=True).start()
-
-    def _serve(self, conn: socket.socket) -> None:
+    def _serve(self, conn: socket.socket, peer: str) -> None:
         with conn, conn.makefile("r", encoding="utf-8") as lines:
             try:
                 for line in lines:

@@ -10,15 +10,12 @@ from __future__ import annotations
 
 import argparse
 import os
-import signal
 import sys
-import threading
-from types import FrameType
 from typing import Any
 
 from .config import DEFAULT_PORTS, Config
 from .jobmanager import JobManager
-from .main import Simulator
+from .main import Simulator, stop_on_signals
 from .narrate import NarratingRecorder
 from .packages import PackageServer
 from .recorder import stderr_echo
@@ -89,12 +86,7 @@ def _appstore(args: argparse.Namespace, sim: Simulator) -> bool:
 
 def main(argv: list[str]) -> int:
     args = parse_args(argv)
-    stop = threading.Event()
-
-    def on_signal(signum: int, frame: FrameType | None) -> None:
-        stop.set()
-    signal.signal(signal.SIGTERM, on_signal)
-    signal.signal(signal.SIGINT, on_signal)
+    stop = stop_on_signals()
 
     recorder = NarratingRecorder(args.record, stderr_echo(args.verbose),
                                  open(os.devnull, "w") if args.quiet else sys.stdout)
@@ -106,8 +98,7 @@ def main(argv: list[str]) -> int:
     extras: list[Any] = []
     try:
         packages = PackageServer(args.packages, HOST, args.package_port, recorder)
-        jobmanager = JobManager(HOST, args.jobmanager_port, recorder)
-        extras += [packages, jobmanager]
+        extras.append(packages)
         size = os.path.getsize(package_path) if not args.no_install else 0
         script = Script.from_obj(gateway_script(args, packages.url(HOST, SAMPLE_FILE), size))
         config = Config(ports={name: getattr(args, f"{name}_port") for name in DEFAULT_PORTS},
@@ -116,6 +107,8 @@ def main(argv: list[str]) -> int:
         sim = Simulator(config, script, stop)
         sim.recorder.close()
         sim.recorder = sim.ctx.recorder = recorder
+        jobmanager = JobManager(HOST, args.jobmanager_port, sim.ctx)
+        extras.append(jobmanager)
         sim.bind()
     except (OSError, ScriptError) as exc:
         for server in extras:

@@ -1,6 +1,8 @@
 """The gateway's local job manager on UDP 127.0.0.1:17401: the library
 forwards some platform commands to it ("SetPlug-inParameterValues", OSGi
-"Post") and sends its answer back to the platform unchanged."""
+"Post") and sends its answer back to the platform unchanged. Script key
+"jobmanager": {"answers": [...]}: each request takes the next answer, which
+may add keys, wait ("delay") or stay silent ("silence", "close")."""
 
 from __future__ import annotations
 
@@ -8,7 +10,8 @@ import json
 import socket
 import threading
 
-from .recorder import Recorder
+from .context import Context
+from .platform import later
 
 # Request keys the answer does not echo.
 _CONSUMED = ("RPCMethod", "Plugin_Name", "Version", "Parameter")
@@ -27,12 +30,12 @@ def answer_for(text: str) -> dict:
 
 
 class JobManager:
-    def __init__(self, host: str, port: int, recorder: Recorder) -> None:
+    def __init__(self, host: str, port: int, ctx: Context) -> None:
         self._sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self._sock.bind((host, port))
         self._sock.settimeout(0.2)
         self.port = self._sock.getsockname()[1]
-        self._recorder = recorder
+        self._ctx = ctx
         self._stop = threading.Event()
         self._thread = threading.Thread(target=self._loop, name="jobmanager", daemon=True)
 
@@ -46,13 +49,24 @@ class JobManager:
                 return
             peer = f"{addr[0]}:{addr[1]}"
             text = data.decode("utf-8", "replace")
-            self._recorder.add("jobmanager", "udp", "in", peer, text, kind="command")
-            reply = json.dumps(answer_for(text))
-            try:
-                self._sock.sendto(reply.encode(), addr)
-                self._recorder.add("jobmanager", "udp", "out", peer, reply)
-            except OSError:
-                self._recorder.add("jobmanager", "udp", "out", peer, reply, sent=False)
+            self._ctx.recorder.add("jobmanager", "udp", "in", peer, text, kind="command")
+            scripted = self._ctx.script.next_jobmanager_answer()
+            answer = answer_for(text)
+            if scripted is not None:
+                if scripted.action != "answer":
+                    self._ctx.recorder.add("jobmanager", "udp", "event", peer, None, note="silence")
+                    continue
+                answer.update(scripted.set)
+            reply = json.dumps(answer)
+            delay = self._ctx.scaled(scripted.delay) if scripted is not None else 0
+            later(delay, lambda reply=reply, addr=addr, peer=peer: self._send(reply, addr, peer))
+
+    def _send(self, reply: str, addr: tuple, peer: str) -> None:
+        try:
+            self._sock.sendto(reply.encode(), addr)
+            self._ctx.recorder.add("jobmanager", "udp", "out", peer, reply)
+        except OSError:
+            self._ctx.recorder.add("jobmanager", "udp", "out", peer, reply, sent=False)
 
     def start(self) -> None:
         self._thread.start()

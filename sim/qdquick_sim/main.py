@@ -16,6 +16,7 @@ from .certs import CertFiles, make_certificate
 from .config import Config, parse_args
 from .context import Context
 from .control import ControlServer
+from .jobmanager import JobManager
 from .message import MessageServer
 from .platform import PlatformServer
 from .recorder import Recorder, say, stderr_echo
@@ -79,6 +80,7 @@ class Simulator:
         self.message: MessageServer | None = None
         self.control: ControlServer | None = None
         self.appstore: AppStoreServer | None = None
+        self.jobmanager: JobManager | None = None
         self.cert: CertFiles | None = None
         self._cert_tmp: str | None = None
 
@@ -98,6 +100,9 @@ class Simulator:
             self.control = ControlServer(ctx, control_sock, self.platforms)
         if config.appstore_port is not None:
             self.bind_appstore(config.appstore_port)
+        if config.jobmanager_port is not None:
+            self.jobmanager = JobManager("127.0.0.1", config.jobmanager_port, ctx)
+            ctx.ports["jobmanager"] = self.jobmanager.port
 
     def bind_appstore(self, port: int) -> None:
         """The app store on `port` with a fresh certificate. Gateway mode calls
@@ -121,16 +126,16 @@ class Simulator:
         if self._cert_tmp is not None:
             shutil.rmtree(self._cert_tmp, ignore_errors=True)
 
-    def servers(self) -> list[PlatformServer | MessageServer | ControlServer | AppStoreServer]:
-        extra = [s for s in (self.message, self.control, self.appstore) if s is not None]
+    def servers(self) -> list[PlatformServer | MessageServer | ControlServer | AppStoreServer | JobManager]:
+        extra = [s for s in (self.message, self.control, self.appstore, self.jobmanager) if s is not None]
         return [*self.platforms.values(), *extra]
 
     def ready_line(self) -> str:
         bind = self.ctx.config.bind
         host = f"[{bind}]" if ":" in bind else bind
-        parts = [f"{name}={host}:{port}" for name, port in self.ctx.ports.items() if name != "control"]
-        if "control" in self.ctx.ports:
-            parts.append(f"control=127.0.0.1:{self.ctx.ports['control']}")
+        local = ("control", "jobmanager")  # always on 127.0.0.1
+        parts = [f"{name}={host}:{port}" for name, port in self.ctx.ports.items() if name not in local]
+        parts += [f"{name}=127.0.0.1:{self.ctx.ports[name]}" for name in local if name in self.ctx.ports]
         return "qdquick-sim ready " + " ".join(parts)
 
     def run(self) -> int:
@@ -148,16 +153,21 @@ class Simulator:
         return 0
 
 
-def main(argv: list[str] | None = None) -> int:
-    config = parse_args(argv)
+def stop_on_signals() -> threading.Event:
+    """An event set by SIGTERM or SIGINT. Installed before any socket exists,
+    so a test that stops us early still sees exit status 0."""
     stop = threading.Event()
 
     def on_signal(signum: int, frame: FrameType | None) -> None:
         stop.set()
-    # Installed before any socket exists, so a test that stops us early
-    # still sees exit status 0.
     signal.signal(signal.SIGTERM, on_signal)
     signal.signal(signal.SIGINT, on_signal)
+    return stop
+
+
+def main(argv: list[str] | None = None) -> int:
+    config = parse_args(argv)
+    stop = stop_on_signals()
     try:
         script = Script.load(config.script_path) if config.script_path else Script()
     except ScriptError as exc:

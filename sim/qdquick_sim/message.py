@@ -3,13 +3,12 @@
 from __future__ import annotations
 
 import socket
-import threading
 from typing import Any
 
 from .context import Context
 from .digest import decode_event, push_signature
 from .framing import FrameError, read_frame
-from .platform import Channel, later, peer_text
+from .platform import Channel, later, serve_connections
 from .recorder import parse_json
 from .replies import Outcome, Responder
 
@@ -40,22 +39,13 @@ class MessageServer:
         self._tcp = tcp
 
     def start(self) -> None:
-        threading.Thread(target=self._accept_loop, name="message-accept", daemon=True).start()
+        serve_connections(self._ctx, self._tcp, "message", self._serve)
 
     def stop(self) -> None:
         self._tcp.close()
 
-    def _accept_loop(self) -> None:
-        while not self._ctx.stop.is_set():
-            try:
-                sock, addr = self._tcp.accept()
-            except OSError:
-                return
-            channel = Channel(sock, peer_text(addr))
-            threading.Thread(target=self._serve, args=(channel,), daemon=True,
-                             name=f"message-{channel.peer}").start()
-
-    def _serve(self, channel: Channel) -> None:
+    def _serve(self, sock: socket.socket, peer: str) -> None:
+        channel = Channel(sock, peer)
         rec = self._ctx.recorder
         try:
             text = read_frame(channel.sock)

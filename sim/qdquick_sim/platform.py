@@ -23,6 +23,21 @@ def peer_text(addr: Any) -> str:
     return f"{addr[0]}:{addr[1]}"
 
 
+def serve_connections(ctx: Context, listener: socket.socket, name: str,
+                      serve: Callable[[socket.socket, str], None]) -> None:
+    """Accept on `listener` until the simulator stops or the listener is
+    closed, serving each connection on a thread of its own: serve(sock, peer)."""
+    def accept_loop() -> None:
+        while not ctx.stop.is_set():
+            try:
+                sock, addr = listener.accept()
+            except OSError:
+                return  # listener closed at shutdown
+            peer = peer_text(addr)
+            threading.Thread(target=serve, args=(sock, peer), name=f"{name}-{peer}", daemon=True).start()
+    threading.Thread(target=accept_loop, name=f"{name}-accept", daemon=True).start()
+
+
 def later(delay: float, action: Callable[[], None]) -> None:
     """Run now, or on a timer thread so a delayed answer never blocks reading."""
     if delay <= 0:
@@ -81,8 +96,8 @@ class PlatformServer:
         self._udp_peer: tuple[Any, ...] | None = None
 
     def start(self) -> None:
-        for target in (self._accept_loop, self._udp_loop):
-            threading.Thread(target=target, name=f"{self.name}-{target.__name__}", daemon=True).start()
+        serve_connections(self._ctx, self._tcp, f"{self.name}-tcp", self._serve_tcp)
+        threading.Thread(target=self._udp_loop, name=f"{self.name}-udp", daemon=True).start()
 
     def stop(self) -> None:
         for sock in (self._tcp, self._udp):
@@ -124,19 +139,10 @@ class PlatformServer:
 
     # ---- TCP
 
-    def _accept_loop(self) -> None:
-        while not self._ctx.stop.is_set():
-            try:
-                sock, addr = self._tcp.accept()
-            except OSError:
-                return  # listener closed at shutdown
-            channel = Channel(sock, peer_text(addr))
-            with self._lock:
-                self._channels.append(channel)
-            threading.Thread(target=self._serve_channel, args=(channel,),
-                             name=f"{self.name}-tcp-{channel.peer}", daemon=True).start()
-
-    def _serve_channel(self, channel: Channel) -> None:
+    def _serve_tcp(self, sock: socket.socket, peer: str) -> None:
+        channel = Channel(sock, peer)
+        with self._lock:
+            self._channels.append(channel)
         rec = self._ctx.recorder
         rec.add(self.name, "tcp", "event", channel.peer, None, note="connected")
         note = "closed by peer"

@@ -30,7 +30,7 @@ DEFAULT_SEND_DELAY = 1.0
 _ANSWER_CONTROL_KEYS = {"delay", "action", "set", "drop", "replace", "raw"}
 _PLATFORM_KEYS = {"interval", "intervals", "register_result", "bad_checksn_result",
                   "extra", "answers", "push", "udp_send"}
-_TOP_KEYS = {"platforms", "message", "bad_checksn_result", "appstore"}
+_TOP_KEYS = {"platforms", "message", "bad_checksn_result", "appstore", "jobmanager"}
 _MESSAGE_KEYS = {"bad_result", "answers"}
 _STORE_KEYS = {"token", "answers"}
 STORE_KINDS = ("token", "getbind", "connect", "unknown", "invalid")
@@ -179,13 +179,15 @@ class Script:
     def __init__(self, platforms: dict[str, PlatformScript] | None = None,
                  message_bad_result: int = DEFAULT_BAD_PUSH_RESULT,
                  message_answers: list[Answer] | None = None,
-                 store: StoreScript | None = None) -> None:
+                 store: StoreScript | None = None,
+                 jobmanager_answers: list[Answer] | None = None) -> None:
         self.platforms = {name: PlatformScript(register_result=DEFAULT_REGISTER_RESULT[name])
                           for name in PLATFORMS}
         self.platforms.update(platforms or {})
         self.message_bad_result = message_bad_result
         self._message_answers = list(message_answers or [])
         self._store = store or StoreScript()
+        self._jobmanager_answers = list(jobmanager_answers or [])
         self._lock = threading.Lock()
 
     @classmethod
@@ -202,7 +204,9 @@ class Script:
         msg = _check_keys(top.get("message", {}), _MESSAGE_KEYS, "message")
         bad_result = _integer(msg.get("bad_result", DEFAULT_BAD_PUSH_RESULT), "message.bad_result")
         answers = parse_answer_list(msg.get("answers", []), "message.answers")
-        return cls(platforms, bad_result, answers, _parse_store(top.get("appstore", {})))
+        jobmanager = _check_keys(top.get("jobmanager", {}), {"answers"}, "jobmanager")
+        return cls(platforms, bad_result, answers, _parse_store(top.get("appstore", {})),
+                   parse_answer_list(jobmanager.get("answers", []), "jobmanager.answers"))
 
     @classmethod
     def load(cls, path: str) -> "Script":
@@ -225,6 +229,10 @@ class Script:
     def next_message_answer(self) -> Answer | None:
         with self._lock:
             return self._message_answers.pop(0) if self._message_answers else None
+
+    def next_jobmanager_answer(self) -> Answer | None:
+        with self._lock:
+            return self._jobmanager_answers.pop(0) if self._jobmanager_answers else None
 
     @property
     def store_token(self) -> str | None:

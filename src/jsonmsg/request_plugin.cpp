@@ -58,7 +58,17 @@ bool take_port(const cJSON *object, platinfo &rec) {
     return changed;
 }
 
-void reconnect_manage_later() { qdq::connect_soon(qdq::kTimerConnectManage, 2); }
+// The common end of a keyed order: a success hands out a fresh random, a
+// failure has the manage session rebuilt soon.
+int finish_order(cJSON *object, int ret, const char *name) {
+    qdq::cmd_result(object, ret);
+    if (ret == 0)
+        rotate_devrnd(object);
+    else
+        qdq::connect_soon(qdq::kTimerConnectManage, 2);
+    QDQ_LOG("%s end ,ret=%d!\n", name, ret);
+    return ret;
+}
 
 }  // namespace
 
@@ -97,13 +107,7 @@ int HGProcessRequestPluginMsg(cJSON *object) {
         QDQ_LOG("key is error!\n");
     }
     consume();
-    qdq::cmd_result(object, ret);
-    if (ret == 0)
-        rotate_devrnd(object);
-    else
-        reconnect_manage_later();
-    QDQ_LOG("HGProcessRequestPluginMsg end ,ret=%d!\n", ret);
-    return ret;
+    return finish_order(object, ret, "HGProcessRequestPluginMsg");
 }
 
 int HGProcessRequestDistri(cJSON *object) {
@@ -140,13 +144,7 @@ int HGProcessRequestDistri(cJSON *object) {
         manageplatinfo.nexttimer = static_cast<signed char>(mode != 0 ? qdq::kTimerConnectManage : qdq::kTimerConnectCube);
     }
     consume();
-    qdq::cmd_result(object, ret);
-    if (ret == 0)
-        rotate_devrnd(object);
-    else
-        reconnect_manage_later();
-    QDQ_LOG("HGProcessRequestDistri end ,ret=%d!\n", ret);
-    return ret;
+    return finish_order(object, ret, "HGProcessRequestDistri");
 }
 
 void HGProcessRequestPluginDis(cJSON *object) {

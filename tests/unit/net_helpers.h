@@ -36,6 +36,15 @@ inline qdq::Fd bound(int type, bool listening = false) {
     return fd;
 }
 
+// A TCP connection to 127.0.0.1:port (not valid when refused).
+inline qdq::Fd connected(unsigned port) {
+    qdq::Fd fd(socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in a{};
+    qdq::ipv4_address("127.0.0.1", port, a);
+    if (connect(fd.get(), reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) fd.reset();
+    return fd;
+}
+
 // Bounded waits, so that a lost message fails a test instead of hanging it.
 inline bool wait_in(int fd, int ms = 5000) {
     pollfd p{fd, POLLIN, 0};

@@ -1,6 +1,6 @@
-// Session procedures without a platform: the thread guard, the address
-// draw, connect refusals, and stopping a channel loop from another thread
-// without leaking a descriptor or a lock.
+// Session procedures without a platform (thread guard, connect refusals, a
+// channel loop stopped from another thread) and what the platforms' answers
+// do to the records, the configuration, the status word and the timers.
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/socket.h>
@@ -8,33 +8,44 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
+#include <map>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "common/clock.h"
 #include "dispatch_helpers.h"
 #include "platintf/reply_process.h"
 #include "platintf/session.h"
-#include "test_env.h"
 
 namespace {
 
 using dt::armed;
+using Lines = std::vector<std::string>;
+Lines g_status;  // "<type> <status> <result>" per status callback
 
-class Session : public ::testing::Test {
-protected:
+struct Session : dt::Dispatch {
     void SetUp() override {
-        timerflag = 1;  // timers are armed and inspected, never run
-        AppInitTimerModule();
-        for (platinfo *p : {&cubeplatinfo, &manageplatinfo, &pluginplatinfo}) {
-            std::memset(p, 0, sizeof *p);
-            p->socketfd = -1;
-        }
+        dt::Dispatch::SetUp();
+        for (platinfo *p : {&cubeplatinfo, &manageplatinfo, &pluginplatinfo}) p->socketfd = -1;
         deviceinfo.ipmode = AF_INET;
         platregtid = pthread_self();
+        g_status.clear();
+        quickevcb.platstatus = [](int type, const char *status, int result) {
+            g_status.push_back(std::to_string(type) + " " + status + " " + std::to_string(result));
+        };
     }
 };
+struct ReplyProcess : Session {};
+
+// id -> seconds of every armed timer.
+std::map<int, int> all_armed() {
+    std::map<int, int> out;
+    qdq::TimerGuard guard;
+    for (const AppTimerEntry &t : g_timer)
+        if (t.func != 0) out[t.func] = t.left_time;
+    return out;
+}
 
 TEST_F(Session, ProceduresGiveUpWhenANewerConnectThreadTookOver) {
     pthread_t other;
@@ -50,14 +61,6 @@ TEST_F(Session, ProceduresGiveUpWhenANewerConnectThreadTookOver) {
     EXPECT_EQ(HgProcessBoot(QDQ_PLAT_PLUGIN), kSessionNoAddress);
     EXPECT_EQ(armed(qdq::kTimerConnectPlugin), 5);
     EXPECT_STREQ(pluginplatinfo.status, "try_connect_failed");
-}
-
-TEST_F(Session, AddressDraw) {
-    EXPECT_EQ(qdq::pick_address(1, 0), 0);
-    // A draw equal to the last one is repeated (up to a second later).
-    EXPECT_EQ(qdq::pick_address(2, 1), 0);
-    int i = qdq::pick_address(3, 0);
-    EXPECT_TRUE(i == 1 || i == 2) << i;
 }
 
 TEST_F(Session, ConnectRefusalsAndTheManageConnectClearingThePluginRecord) {
@@ -105,14 +108,6 @@ TEST_F(Session, ReconnectRequestsOvertakeTheHoursLongPeriodicReconnect) {
     EXPECT_EQ(armed(qdq::kTimerConnectManage), hours);
 }
 
-struct LoopRun {
-    pthread_t thread;
-    static void *body(void *) {
-        HgProcessPlatTcpConnect(QDQ_PLAT_PLUGIN);
-        return nullptr;
-    }
-};
-
 TEST_F(Session, DisconnectStopsABlockedLoopWithoutLeaks) {
     // Idle, and inside a half-sent frame (16 bytes announced, 6 sent).
     for (const std::string &stall : {std::string(), std::string("\0\0\0\x10{\"half", 10)}) {
@@ -123,14 +118,18 @@ TEST_F(Session, DisconnectStopsABlockedLoopWithoutLeaks) {
         pluginplatinfo.socketfd = pair[0];
         pluginplatinfo.regflag = 1;
         pluginplatinfo.tid = pthread_t{};
-        LoopRun run;
-        ASSERT_EQ(pthread_create(&run.thread, nullptr, LoopRun::body, nullptr), 0);
+        pthread_t loop;
+        auto body = [](void *) -> void * {
+            HgProcessPlatTcpConnect(QDQ_PLAT_PLUGIN);
+            return nullptr;
+        };
+        ASSERT_EQ(pthread_create(&loop, nullptr, body, nullptr), 0);
         send(pair[1], stall.data(), stall.size(), 0);
-        while (!pthread_equal(pluginplatinfo.tid, run.thread)) usleep(1000);
+        while (!pthread_equal(pluginplatinfo.tid, loop)) usleep(1000);
         usleep(50000);  // in the wait (or the read) now
         EXPECT_EQ(HGDisconnectPlat(QDQ_PLAT_PLUGIN), 0);
         void *ret = nullptr;
-        pthread_join(run.thread, &ret);
+        pthread_join(loop, &ret);
         EXPECT_EQ(ret, PTHREAD_CANCELED);
         EXPECT_EQ(pluginplatinfo.socketfd, -1);
         close(pair[1]);
@@ -139,7 +138,7 @@ TEST_F(Session, DisconnectStopsABlockedLoopWithoutLeaks) {
         pthread_mutex_unlock(&tcpreq_mutex);
         // The record still names the finished thread: it is not cancelled.
         EXPECT_EQ(HGDisconnectPlat(QDQ_PLAT_PLUGIN), 0);
-        EXPECT_EQ(qdq::cancel_channel_thread(QDQ_PLAT_PLUGIN, run.thread), -1);
+        EXPECT_EQ(qdq::cancel_channel_thread(QDQ_PLAT_PLUGIN, loop), -1);
     }
 }
 
@@ -151,9 +150,7 @@ TEST_F(Session, SessionSendsNeverReachAReusedDescriptorNumber) {
         while (!stop) qdq::session_send(&manageplatinfo, "{\"Result\":1}");
     });
     int stray = 0;
-    // The window is a few instructions wide: about one round in 50,000
-    // hits it without the descriptor lock. A second of rounds, whatever
-    // the machine's speed.
+    // Without the descriptor lock about one round in 50,000 hits the window.
     const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(1);
     while (std::chrono::steady_clock::now() < until) {
         int pair[2], reuse[2];
@@ -174,11 +171,9 @@ TEST_F(Session, SessionSendsNeverReachAReusedDescriptorNumber) {
     EXPECT_EQ(stray, 0);
 }
 
-// The heartbeat's reply time-out is armed before the heartbeat leaves: the
-// channel thread may read the answer (which cancels the time-out) before the
-// sender's send has returned. Here the send blocks on a full socket until
-// the peer has looked at the timer. A heartbeat that cannot be sent leaves
-// no time-out behind and fails at once.
+// The reply time-out is armed before the heartbeat leaves (the answer, which
+// cancels it, may be read before the send returns): here the send blocks on
+// a full socket until the peer has looked. An unsendable heartbeat leaves none.
 TEST_F(Session, HeartbeatTimeOutIsArmedBeforeTheSend) {
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
@@ -209,6 +204,79 @@ TEST_F(Session, HeartbeatTimeOutIsArmedBeforeTheSend) {
     pluginplatinfo.socketfd = -1;
     HGSendTcpHeartBeat("{\"RPCMethod\":\"Hb\"}", QDQ_PLAT_PLUGIN);
     EXPECT_EQ(armed(qdq::kTimerPluginHbTimeout), -1);
+}
+
+TEST_F(ReplyProcess, HeartbeatOutcomes) {
+    struct Case {
+        int type;
+        const char *reply;  // null: time-out
+        int failures, firsthb, result;
+        const char *status;  // reported, or null for none
+        std::map<int, int> timers;
+        int failures_after, firsthb_after;
+    } cases[] = {
+        {2, nullptr, 0, 1, -1, "2 try_connect_failed -1", {{13, 1}}, 1, 1},
+        {2, nullptr, 2, 1, -1, "2 try_connect_failed -1", {{9, 1}}, 0, 1},  // third in a row: connect anew
+        {2, "not json", 1, 0, -1, "2 try_connect_failed -1", {{13, 1}}, 2, 0},
+        {3, nullptr, 0, 0, -1, "3 disconnect -1", {{17, 2}, {10, 5}}, 0, 0},
+        {2, "{\"Result\":-3}", 1, 1, -3, nullptr, {{9, 1}}, 1, 1},
+        {3, "{\"Result\":-5}", 0, 0, -5, nullptr, {{9, 1}}, 0, 0},  // the manage platform, also for plugin
+        {3, "{\"Result\":-6}", 0, 0, -6, nullptr, {{10, 1}}, 0, 0},
+        {2, "{\"Result\":-6}", 0, 0, -6, nullptr, {}, 0, 0},  // the cycle stops
+        {2, "{\"Result\":0,\"Interval\":30}", 2, 1, 0, "2 wait_heatbeat 0", {{13, 30}}, 0, 0},
+        {2, "{\"Result\":1}", 0, 1, 1, "2 wait_heatbeat 1", {{13, 60}}, 0, 1},
+        {3, "{\"Result\":0}", 0, 0, 0, "3 wait_heatbeat 0", {{15, 60}}, 0, 0},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::to_string(c.type) + " " + (c.reply ? c.reply : "timeout"));
+        SetUp();
+        platinfo *rec = getPlatInfo(c.type);
+        rec->interval = 60;
+        rec->hbfailnum = static_cast<signed char>(c.failures);
+        rec->firsthb = static_cast<unsigned>(c.firsthb);
+        const int reply_timeout = c.type == 2 ? 14 : 16;
+        AppTimerCreate(20, reply_timeout, 0, QdTimeoutHandle);
+        EXPECT_EQ(ProcessHeartBeatReply(c.reply, c.type), c.result);
+        std::map<int, int> timers = c.timers;
+        if (c.reply == nullptr) timers[reply_timeout] = 20;  // a time-out leaves it alone
+        EXPECT_EQ(all_armed(), timers);
+        EXPECT_EQ(g_status, c.status ? Lines{c.status} : Lines{});
+        EXPECT_EQ(rec->hbfailnum, c.failures_after);
+        EXPECT_EQ(rec->firsthb, static_cast<unsigned>(c.firsthb_after));
+    }
+    EXPECT_FALSE(qdq_test::read_file(qdq_test::in_root("/var/plug_heart_beat_time_file")).empty());
+    EXPECT_EQ(ProcessHeartBeatReply("{\"Result\":0}", 1), -1);
+}
+
+TEST_F(ReplyProcess, RegisterReplyAddresses) {
+    manageplatinfo.port = 60001;
+    std::snprintf(manageplatinfo.MgtURL, 128, "10.0.0.9");
+    std::snprintf(pluginplatinfo.MgtURL, 128, "10.0.0.7");
+    pluginplatinfo.port = 70;
+    EXPECT_EQ(ProcessRegReply(R"({"Result":2,"Interval":33,"HeartbeatIPAddr":"10.0.0.1:9000",
+        "PluginServer":"10.0.0.7:70","ServerAddr":"10.0.0.9","ServerPort":"60001"})", &manageplatinfo), 2);
+    EXPECT_EQ(manageplatinfo.interval, 33u);
+    EXPECT_STREQ(manageplatinfo.heartbeatip, "10.0.0.1");
+    EXPECT_EQ(manageplatinfo.heartbeatport, 9000u);
+    // The same plugin server is connected again all the same.
+    EXPECT_EQ(manageplatinfo.nexttimer, 10);
+    EXPECT_EQ(all_armed(), (std::map<int, int>{{10, 3}}));
+    EXPECT_TRUE(qdq_test::platform().setcfg.empty());  // nothing changed
+
+    EXPECT_EQ(ProcessRegReply(R"({"Result":2,"HeartbeatIPAddr":"hb.example","ServerAddr":"10.0.0.8",
+        "ServerPort":"60009"})", &manageplatinfo), 2);
+    EXPECT_STREQ(manageplatinfo.heartbeatip, "hb.example");
+    EXPECT_EQ(manageplatinfo.heartbeatport, 60001u);
+    EXPECT_EQ(manageplatinfo.port, 60009u);
+    EXPECT_EQ(qdq_test::platform().setcfg.size(), 2u);
+    EXPECT_EQ(ProcessRegReply("{\"Interval\":5}", &manageplatinfo), -1);
+}
+
+TEST_F(ReplyProcess, UnchangedStatusIsNotReported) {
+    HgSetPlateStatus(2, "connected", 1);
+    HgSetPlateStatus(2, "connected", 5);
+    HgSetPlateStatus(4, "connected", 1);
+    EXPECT_EQ(g_status, Lines{"2 connected 1"});
 }
 
 }  // namespace

@@ -1,80 +1,106 @@
 // Boot, Register and Heartbeat messages: key order per platform type, the
-// duplicate "MAC", the digests, and the values taken from the platform.
+// duplicate "MAC", the values taken from the platform; then the same
+// messages sent by the library's own clients over UDP and TCP and checked by
+// the simulator's independent parsing and digests, and signed pushes.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include <cctype>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "common/json.h"
+#include "net_helpers.h"
 #include "platform_double.h"
+#include "platintf/hgprocessplatintf.h"
+#include "platintf/push.h"
+#include "platintf/reply_process.h"
+#include "platintf/session.h"
 #include "platintf/session_msg.h"
-#include "qdquick/qdquick.h"
+#include "sim_process.h"
 
 namespace {
 
-std::vector<std::string> keys_of(const char *text) {
-    qdq::JsonPtr obj(cJSON_Parse(text));
-    std::vector<std::string> keys;
+using Keys = std::vector<std::string>;
+
+Keys keys_of(const std::string &text) {
+    qdq::JsonPtr obj(cJSON_Parse(text.c_str()));
+    Keys keys;
     if (obj)
         for (cJSON *it = obj->child; it; it = it->next) keys.push_back(it->string);
     return keys;
 }
 
-std::string value_of(const char *text, const char *key) {
-    qdq::JsonPtr obj(cJSON_Parse(text));
+std::string value_of(const std::string &text, const char *key) {
+    qdq::JsonPtr obj(cJSON_Parse(text.c_str()));
     const cJSON *v = obj ? cJSON_GetObjectItemCaseSensitive(obj.get(), key) : nullptr;
     return cJSON_IsString(v) ? v->valuestring : "<none>";
-}
-
-std::string md5(const std::string &s) {
-    char d[33];
-    getmd5(s.c_str(), d);
-    return d;
 }
 
 class SessionMsg : public ::testing::Test {
 protected:
     void SetUp() override {
         qdq_test::platform().reset();
+        qdq_test::platform().loid = "L9";
+        for (platinfo *p : {&cubeplatinfo, &manageplatinfo, &pluginplatinfo}) {
+            std::memset(p, 0, sizeof *p);
+            p->socketfd = -1;
+        }
         std::memset(&deviceinfo, 0, sizeof deviceinfo);
-        std::memset(&manageplatinfo, 0, sizeof manageplatinfo);
         std::snprintf(deviceinfo.model, sizeof deviceinfo.model, "HG-X1");
         std::snprintf(deviceinfo.firmwarever, sizeof deviceinfo.firmwarever, "V1.2");
         std::snprintf(deviceinfo.hardwarever, sizeof deviceinfo.hardwarever, "HW3");
         std::snprintf(deviceinfo.mac, sizeof deviceinfo.mac, "001122334455");
         std::snprintf(deviceinfo.devsn, sizeof deviceinfo.devsn, "SN1");
         std::snprintf(deviceinfo.areacode, sizeof deviceinfo.areacode, "0755");
-        std::snprintf(deviceinfo.ipaddr, sizeof deviceinfo.ipaddr, "10.1.2.3");
+        std::snprintf(deviceinfo.ipaddr, sizeof deviceinfo.ipaddr, "127.0.0.1");
         std::snprintf(deviceinfo.pppoename, sizeof deviceinfo.pppoename, "user@isp");
         deviceinfo.regtype = 3;
+    }
+    void TearDown() override {
+        for (platinfo *p : {&cubeplatinfo, &manageplatinfo, &pluginplatinfo})
+            if (p->socketfd > 0) close(p->socketfd);
     }
     char buf[kSessionMsgSize];
 };
 
-TEST_F(SessionMsg, BootKeysPerPlatformType) {
-    using V = std::vector<std::string>;
-    const V cube = {"RPCMethod", "Vendor", "Model", "FirmwareVer", "HardwareVer", "MAC", "AreaCode",
-                    "wevrinstatus", "MAC", "IPAddr", "PlatformID", "Br0_IP", "WanLinkMode"};
-    const V manage = {"RPCMethod", "Vendor", "Model", "FirmwareVer", "HardwareVer", "MAC", "AreaCode",
-                      "wevrinstatus", "MAC", "DevRND", "OsVer", "IPAddr", "PlatformID", "LOID", "Card",
-                      "Br0_IP", "WanLinkMode"};
-    const V plugin = {"RPCMethod", "Vendor", "Model", "FirmwareVer", "HardwareVer", "MAC", "AreaCode",
-                      "wevrinstatus", "MAC", "IPAddr", "LOID", "Card", "Br0_IP", "WanLinkMode"};
+TEST_F(SessionMsg, KeyOrderPerPlatformType) {
+    const Keys head = {"RPCMethod", "Vendor", "Model", "FirmwareVer", "HardwareVer",
+                       "MAC",       "AreaCode", "wevrinstatus", "MAC"};
+    const Keys cube_tail = {"IPAddr", "PlatformID", "Br0_IP", "WanLinkMode"};
     struct Case {
         int type;
-        const V &keys;
-        const char *method;
-    } cases[] = {{1, cube, "BootFirst"}, {2, manage, "Boot"}, {3, plugin, "Boot"}, {7, cube, "BootFirst"}};
+        const char *boot_method;
+        Keys boot_tail, reg, heartbeat;  // heartbeat: once the first one was answered
+    } cases[] = {
+        {1, "BootFirst", cube_tail, {"RPCMethod", "CheckSN", "MAC"}, {"MAC"}},
+        {2, "Boot", {"DevRND", "OsVer", "IPAddr", "PlatformID", "LOID", "Card", "Br0_IP", "WanLinkMode"},
+         {"RPCMethod", "CheckSN", "MAC", "UserID", "flag", "DevRND"}, {"RPCMethod", "FLAG", "MAC"}},
+        {3, "Boot", {"IPAddr", "LOID", "Card", "Br0_IP", "WanLinkMode"}, {"RPCMethod", "CheckSN"},
+         {"RPCMethod", "IPAddr", "MAC"}},
+        {7, "BootFirst", cube_tail, {"RPCMethod", "CheckSN"}, {"MAC"}},
+    };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.type);
+        Keys boot = head;
+        boot.insert(boot.end(), c.boot_tail.begin(), c.boot_tail.end());
         ASSERT_EQ(GenerateBootMessage(c.type, buf), 0);
-        EXPECT_EQ(keys_of(buf), c.keys);
-        EXPECT_EQ(value_of(buf, "RPCMethod"), c.method);
+        EXPECT_EQ(keys_of(buf), boot);
+        EXPECT_EQ(value_of(buf, "RPCMethod"), c.boot_method);
         EXPECT_EQ(value_of(buf, "Vendor"), "quendara");
         EXPECT_NE(std::strchr(buf, '\n'), nullptr) << "formatted print expected";
+        ASSERT_EQ(GenerateRegMessage(c.type, "XYZ", buf), 0);
+        EXPECT_EQ(keys_of(buf), c.reg);
+        char hb[kHeartbeatMsgSize];
+        ASSERT_EQ(GenerateHeartBeatMessage(hb, c.type), 0);
+        EXPECT_EQ(keys_of(hb), c.heartbeat);
     }
+    // Until one is answered, the manage platform's heartbeats carry the address.
+    manageplatinfo.firsthb = 1;
+    char hb[kHeartbeatMsgSize];
+    ASSERT_EQ(GenerateHeartBeatMessage(hb, 2), 0);
+    EXPECT_EQ(keys_of(hb), (Keys{"RPCMethod", "IPAddr", "FLAG", "MAC"}));
+    EXPECT_EQ(value_of(hb, "FLAG"), "1");
 }
 
 TEST_F(SessionMsg, BootValuesFromThePlatform) {
@@ -90,8 +116,11 @@ TEST_F(SessionMsg, BootValuesFromThePlatform) {
     EXPECT_EQ(value_of(buf, "Card"), "CARD42");
     EXPECT_EQ(value_of(buf, "wevrinstatus"), "1");
     EXPECT_EQ(value_of(buf, "Br0_IP"), "192.168.1.1");
-    EXPECT_EQ(value_of(buf, "DevRND"), std::string(manageplatinfo.devrnd));
-    EXPECT_EQ(std::strlen(manageplatinfo.devrnd), 32u);
+    const std::string rnd = value_of(buf, "DevRND");  // getrand's 32 upper-case hex digits, kept in the record
+    EXPECT_EQ(rnd, manageplatinfo.devrnd);
+    EXPECT_EQ(rnd.size(), 32u);
+    EXPECT_EQ(rnd.find_first_not_of("0123456789ABCDEF"), std::string::npos) << rnd;
+    getrand(nullptr);  // no effect, no crash
     EXPECT_NE(std::string(buf).find("\"ChildRouter\":\t[{"), std::string::npos) << buf;
     // Card reader off: empty "Card", GetCardNo not asked.
     for (const char *flag : {"0", ""}) {
@@ -103,41 +132,18 @@ TEST_F(SessionMsg, BootValuesFromThePlatform) {
     }
 }
 
-TEST_F(SessionMsg, RegisterKeysAndDigests) {
-    std::snprintf(deviceinfo.loid, sizeof deviceinfo.loid, "L9");
+// The digests themselves are checked by the simulator below.
+TEST_F(SessionMsg, RegisterValues) {
     ASSERT_EQ(GenerateRegMessage(2, "ABC", buf), 0);
-    EXPECT_EQ(keys_of(buf), (std::vector<std::string>{"RPCMethod", "CheckSN", "MAC", "UserID", "flag", "DevRND"}));
-    EXPECT_EQ(value_of(buf, "CheckSN"), md5("ABCSN1"));
-    EXPECT_EQ(value_of(buf, "UserID"), md5("SN1L9"));
     EXPECT_EQ(value_of(buf, "flag"), "3");
     manageplatinfo.bootflag = 1;
     ASSERT_EQ(GenerateRegMessage(2, "ABC", buf), 0);
     EXPECT_EQ(value_of(buf, "pppoename"), "user@isp");
-
-    ASSERT_EQ(GenerateRegMessage(1, "XYZ", buf), 0);
-    EXPECT_EQ(keys_of(buf), (std::vector<std::string>{"RPCMethod", "CheckSN", "MAC"}));
-    EXPECT_EQ(value_of(buf, "RPCMethod"), "RegisterFirst");
-    ASSERT_EQ(GenerateRegMessage(3, "XYZ", buf), 0);
-    EXPECT_EQ(keys_of(buf), (std::vector<std::string>{"RPCMethod", "CheckSN"}));
     ASSERT_EQ(GenerateRegMessage(9, nullptr, buf), 0);  // no challenge: digest of the serial alone
     EXPECT_EQ(value_of(buf, "RPCMethod"), "");
-    EXPECT_EQ(value_of(buf, "CheckSN"), md5("SN1"));
-}
-
-TEST_F(SessionMsg, HeartbeatFollowsFirstHeartbeatFlag) {
-    char hb[kHeartbeatMsgSize];
-    manageplatinfo.firsthb = 1;
-    ASSERT_EQ(GenerateHeartBeatMessage(hb, 2), 0);
-    EXPECT_EQ(keys_of(hb), (std::vector<std::string>{"RPCMethod", "IPAddr", "FLAG", "MAC"}));
-    EXPECT_EQ(value_of(hb, "FLAG"), "1");
-    manageplatinfo.firsthb = 0;
-    ASSERT_EQ(GenerateHeartBeatMessage(hb, 2), 0);
-    EXPECT_EQ(keys_of(hb), (std::vector<std::string>{"RPCMethod", "FLAG", "MAC"}));
-    EXPECT_EQ(value_of(hb, "RPCMethod"), "Hb");
-    ASSERT_EQ(GenerateHeartBeatMessage(hb, 3), 0);
-    EXPECT_EQ(keys_of(hb), (std::vector<std::string>{"RPCMethod", "IPAddr", "MAC"}));
-    ASSERT_EQ(GenerateHeartBeatMessage(hb, 1), 0);
-    EXPECT_EQ(keys_of(hb), (std::vector<std::string>{"MAC"}));
+    char serial_digest[33];
+    getmd5("SN1", serial_digest);
+    EXPECT_EQ(value_of(buf, "CheckSN"), serial_digest);
 }
 
 TEST_F(SessionMsg, OversizedFieldsAreRefusedNotOverflowed) {
@@ -151,12 +157,116 @@ TEST_F(SessionMsg, OversizedFieldsAreRefusedNotOverflowed) {
     EXPECT_EQ(GenerateHeartBeatMessage(small, 3, sizeof small), -1);
 }
 
-TEST(GetRand, ThirtyTwoUpperHexDigits) {
-    char a[33];
-    getrand(a);
-    ASSERT_EQ(std::strlen(a), 32u);
-    for (const char *p = a; *p; ++p) EXPECT_TRUE(std::isxdigit(static_cast<unsigned char>(*p)) && !std::islower(*p));
-    getrand(nullptr);  // no effect, no crash
+class SimExchange : public SessionMsg {
+protected:
+    static void SetUpTestSuite() { sim_ = new qdq_test::SimProcess({"--serial", "SN1", "--loid", "L9"}); }
+    static void TearDownTestSuite() {
+        delete sim_;
+        sim_ = nullptr;
+    }
+    void SetUp() override {
+        ASSERT_TRUE(sim_->ready());
+        SessionMsg::SetUp();
+    }
+
+    // One request/answer over UDP or TCP; the reply text (after the frame
+    // header over TCP), or "" when nothing came back.
+    std::string exchange(int type, bool tcp, const char *msg) {
+        char reply[512] = "";
+        int rc = tcp ? HGSendTcpRequest(type, msg, reply, 5)
+                     : HGSendUdpRequest(0, "127.0.0.1", getPlatInfo(type)->port, msg, reply, 5);
+        if (rc != 0) return "";
+        reply[sizeof reply - 1] = '\0';
+        return tcp ? std::string(reply + 4) : std::string(reply);
+    }
+
+    static inline qdq_test::SimProcess *sim_ = nullptr;
+};
+
+TEST_F(SimExchange, BootRegisterHeartbeatForEveryPlatformAndTransport) {
+    struct Case {
+        int type;
+        const char *name;
+        bool tcp;
+        int reg_result;
+    } cases[] = {{1, "cube", false, 1},  {2, "manage", false, 1}, {3, "plugin", false, 0},
+                 {1, "cube", true, 1},   {2, "manage", true, 1},  {3, "plugin", true, 0}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.name) + (c.tcp ? " tcp" : " udp"));
+        platinfo *rec = getPlatInfo(c.type);
+        rec->port = sim_->port(c.name);
+        std::snprintf(rec->curip, sizeof rec->curip, "127.0.0.1");
+        ASSERT_EQ(GenerateBootMessage(c.type, buf), 0);
+        EXPECT_EQ(ProcessBootReply(exchange(c.type, c.tcp, buf).c_str(), c.type), 0);
+        ASSERT_EQ(std::strlen(rec->challengecode), 32u);
+        ASSERT_EQ(GenerateRegMessage(c.type, rec->challengecode, buf), 0);
+        EXPECT_EQ(ProcessRegReply(exchange(c.type, c.tcp, buf).c_str(), rec), c.reg_result);
+        EXPECT_STREQ(messageserver.addr, "127.0.0.1");
+        EXPECT_EQ(messageserver.port, sim_->port("message"));
+        EXPECT_EQ(rec->heartbeatport, rec->port);
+        if (c.type != 1) {
+            char hb[kHeartbeatMsgSize];
+            ASSERT_EQ(GenerateHeartBeatMessage(hb, c.type), 0);
+            std::string answer = exchange(c.type, c.tcp, hb);
+            EXPECT_NE(answer.find("\"Interval\""), std::string::npos) << answer;
+        }
+        if (rec->socketfd > 0) close(rec->socketfd);
+        rec->socketfd = -1;
+    }
+    // The simulator's own digests agreed with every Register, and the
+    // manage platform's UserID with its serial and LOID.
+    EXPECT_EQ(sim_->records_with({"\"kind\": \"register\"", "\"checksn_ok\": true"}).size(), 6u);
+    EXPECT_EQ(sim_->records_with({"\"checksn_ok\": false"}).size(), 0u);
+    EXPECT_EQ(sim_->records_with({"\"userid_ok\": true"}).size(), 2u);
+}
+
+// A challenge the platform no longer knows (a late Boot reply meant for an
+// earlier attempt, or a platform restarted between Boot and Register) is
+// refused for ever; after a few refusals the gateway fetches a new one.
+TEST_F(SimExchange, RegisterWithAStaleChallengeBootsAgain) {
+    deviceinfo.ipmode = AF_INET;
+    platregtid = pthread_self();
+    cubeplatinfo.port = sim_->port("cube");
+    std::snprintf(cubeplatinfo.MgtURL, sizeof cubeplatinfo.MgtURL, "127.0.0.1");
+    ASSERT_EQ(HgProcessBoot(QDQ_PLAT_CUBE), 0);
+    std::snprintf(cubeplatinfo.challengecode, sizeof cubeplatinfo.challengecode, "STALE");
+    const size_t refused = sim_->records_with({"\"checksn_ok\": false"}).size();
+    EXPECT_EQ(HgProcessRegister(QDQ_PLAT_CUBE), 1);
+    EXPECT_STREQ(cubeplatinfo.status, "connected");
+    EXPECT_EQ(sim_->records_with({"\"checksn_ok\": false"}).size() - refused, 5u);
+}
+
+TEST_F(SimExchange, PushSignatureAcceptedAndTamperedPushRejected) {
+    std::snprintf(messageserver.addr, sizeof messageserver.addr, "127.0.0.1");
+    messageserver.port = sim_->port("message");
+    EXPECT_EQ(SendPushMessage("plugin b01 started", nullptr), -1);  // manage not registered: nothing sent
+    manageplatinfo.regflag = 1;
+    EXPECT_EQ(SendPushMessage("plugin b01 started", "com.x.b01"), 0);
+    EXPECT_EQ(sim_->records_with({"\"signature_ok\": true", "plugin b01 started"}).size(), 1u);
+
+    // A body altered after signing (each field's part in the digest: tests/sim/test_message.py).
+    const std::string body = BuildPushMessage("door open", nullptr, "20240305070809");
+    EXPECT_EQ(keys_of(body), (Keys{"RPCMethod", "Plugin_Name", "time", "MD5", "mac", "Message"}));
+    EXPECT_EQ(value_of(body, "Plugin_Name"), "");
+    qdq::JsonPtr obj(cJSON_Parse(body.c_str()));
+    cJSON_ReplaceItemInObject(obj.get(), "Message", cJSON_CreateString("ZG9vciBjbG9zZWQ="));
+    qdq::CText text(cJSON_PrintUnformatted(obj.get()));
+    qdq::Fd sock = net::connected(messageserver.port);
+    ASSERT_GT(HgTcpSend(sock.get(), text.get()), 0);
+    char *raw = nullptr;
+    ASSERT_GT(HgTcpRcv(sock.get(), &raw), 0);
+    qdq::CText reply(raw);
+    EXPECT_EQ(HGProcessPushReply(reply.get()), 1);
+    EXPECT_EQ(sim_->records_with({"\"signature_ok\": false"}).size(), 1u);
+}
+
+TEST(PushReply, ResultRules) {
+    struct Case {
+        const char *reply;
+        int result;
+    } cases[] = {{"{\"Result\":0}", 0}, {"{\"Result\":3}", 3}, {"{}", -1}, {"not json", -1},
+                 {"{\"Result\":\"7\"}", 0}, {"", -1}, {nullptr, -1}};
+    for (const auto &c : cases) EXPECT_EQ(HGProcessPushReply(c.reply), c.result) << (c.reply ? c.reply : "null");
 }
 
 }  // namespace

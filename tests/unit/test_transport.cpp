@@ -1,0 +1,268 @@
+// The platform transport over loopback: frames on the wire (exact bytes,
+// odd streams, the limit), the UDP request client, and the TCP request
+// client on the platform record's connection.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/udp_listeners.h"
+#include "net_helpers.h"
+#include "platintf/hgprocessplatintf.h"
+
+namespace {
+
+// A connected loopback TCP pair: {client, server side}.
+std::pair<qdq::Fd, qdq::Fd> tcp_pair() {
+    qdq::Fd lst = net::bound(SOCK_STREAM, true);
+    qdq::Fd cli = net::connected(net::port_of(lst.get()));
+    return {std::move(cli), qdq::Fd(accept(lst.get(), nullptr, nullptr))};
+}
+
+TEST(Framing, SendPutsLengthThenTextOnTheWire) {
+    auto [cli, srv] = tcp_pair();
+    EXPECT_EQ(HgTcpSend(cli.get(), "{}"), 6);
+    EXPECT_EQ(net::read_n(srv.get(), 6), std::string("\x00\x00\x00\x02{}", 6));
+    EXPECT_EQ(HgTcpSend(cli.get(), nullptr), -1);
+
+    unsigned char out[16];
+    std::memset(out, 0xAA, sizeof out);
+    EXPECT_EQ(HgProcessSendTcpMsg("0123456789", out), 14);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(out), 14), std::string("\0\0\0\x0a" "0123456789", 14));
+    EXPECT_EQ(out[14], 0xAA) << "no NUL after the payload";
+}
+
+TEST(Framing, ReceiveOneFrameFromEveryKindOfStream) {
+    const std::string none = "<not stored>", big(102400, 'x'), s(3000, 's');
+    struct Case {
+        const char *name;
+        std::vector<std::string> segments;  // written 100 ms apart
+        bool close_after;
+        int ret;
+        std::string payload;  // *out afterwards
+        std::string unread;   // left in the socket
+    } cases[] = {
+        {"one frame", {net::frame("{}")}, false, 2, "{}", ""},
+        {"stops at its frame", {net::frame("{\"a\":1}") + net::frame("{}")}, false, 7, "{\"a\":1}", net::frame("{}")},
+        {"three segments", {net::frame(s + s + s).substr(0, 3004), s, s}, false, 9000, s + s + s, ""},
+        {"100K accepted", {net::frame(big)}, false, 102400, big, ""},
+        {"100K + 1 refused, payload unread", {net::frame(big + "y")}, false, 0, none, big + "y"},
+        {"negative length refused", {std::string("\xff\xff\xff\xff" "hello", 9)}, false, 0, none, "hello"},
+        {"zero length", {net::frame("")}, false, -1, "", ""},
+        {"closed mid-payload", {std::string("\0\0\0\x0a" "abcd", 8)}, true, -1, "abcd", ""},
+        {"closed before header", {}, true, 0, none, ""},
+        // One read for the header: the first two bytes make length 0.
+        {"header split in two writes", {std::string("\0\0", 2), std::string("\0\x02{}", 4)}, false, -1, "",
+         std::string("\0\x02{}", 4)},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        auto [cli, srv] = tcp_pair();
+        std::thread writer([&c, &cli = cli] {
+            for (size_t i = 0; i < c.segments.size(); ++i) {
+                if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                send(cli.get(), c.segments[i].data(), c.segments[i].size(), MSG_NOSIGNAL);
+            }
+            if (c.close_after) cli.reset();
+        });
+        char *out = nullptr;
+        EXPECT_EQ(HgTcpRcv(srv.get(), &out), c.ret);
+        EXPECT_EQ(out ? std::string(out) : none, c.payload);
+        std::free(out);
+        EXPECT_EQ(net::read_n(srv.get(), c.unread.size()), c.unread);
+        writer.join();
+    }
+}
+
+using UdpFn = int (*)(unsigned, const char *, unsigned, const char *, char *, unsigned);
+constexpr unsigned kPick = 1;  // bind a free local port
+
+TEST(UdpClient, OneDatagramOutAtMostOneBack) {
+    qdq::Fd taken = net::bound(SOCK_DGRAM);  // no SO_REUSEADDR: binding it fails
+    const std::string msg = "{\"RPCMethod\":\"Heartbeat\"}", answer(5000, 'a');
+    struct Case {
+        const char *name;
+        UdpFn fn;
+        unsigned local, timeout;
+        const char *ip, *msg;
+        int sent;     // reply bytes the server sends, -1 = stays silent
+        size_t kept;  // reply bytes the caller gets
+        char after;   // reply[kept] afterwards: zero-filled, or untouched
+        int ret;
+        const char *logged;
+    } cases[] = {
+        {"short reply, fixed local port", HGSendUdpRequest, kPick, 100, "127.0.0.1", msg.c_str(), 20, 20, 0, 0, ""},
+        {"600 bytes cut to 512, no NUL", HGSendUdpRequest, 0, 100, "127.0.0.1", msg.c_str(), 600, 512, 'Z', 0, ""},
+        {"send only", HGSendUdpRequest, 0, 0, "127.0.0.1", msg.c_str(), 20, 0, 'Z', 0, ""},
+        {"big: the byte count", HGSendUdpRequest_big, 0, 100, "127.0.0.1", msg.c_str(), 5000, 5000, 0, 5000, ""},
+        {"server silent", HGSendUdpRequest, 0, 1, "127.0.0.1", "{}", -1, 0, 'Z', -1, "timeout in select"},
+        {"local port taken", HGSendUdpRequest, net::port_of(taken.get()), 1, "127.0.0.1", "{}", -1, 0, 'Z', -1,
+         "bind failed, errno="},
+        {"no message", HGSendUdpRequest_big, 0, 1, "127.0.0.1", nullptr, -1, 0, 'Z', -1, "sendbuf is NULL, return!"},
+        {"malformed address", HGSendUdpRequest, 0, 1, "127.0.0.300", "{}", -1, 0, 'Z', -1, "inet_aton error"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        qdq::Fd srv = net::bound(SOCK_DGRAM);
+        const unsigned local = c.local == kPick ? net::port_of(net::bound(SOCK_DGRAM).get()) : c.local;
+        std::string got;
+        sockaddr_in from{};
+        std::thread server([&] {
+            socklen_t len = sizeof from;
+            if (c.sent < 0 || !net::wait_in(srv.get())) return;
+            got.resize(2048);
+            got.resize(size_t(recvfrom(srv.get(), &got[0], 2048, 0, reinterpret_cast<sockaddr *>(&from), &len)));
+            sendto(srv.get(), answer.data(), size_t(c.sent), 0, reinterpret_cast<sockaddr *>(&from), len);
+        });
+        const long fds = net::open_fds();
+        std::vector<char> reply(102401, 'Z');
+        EXPECT_EQ(c.fn(local, c.ip, net::port_of(srv.get()), c.msg, reply.data(), c.timeout), c.ret);
+        server.join();
+        EXPECT_EQ(net::open_fds(), fds);
+        EXPECT_EQ(std::string(reply.data(), c.kept), answer.substr(0, c.kept));
+        EXPECT_EQ(reply[c.kept], c.after);
+        if (c.sent >= 0) {
+            EXPECT_EQ(got, msg) << "the text alone: no NUL, no framing";
+        }
+        if (c.local == kPick) {
+            EXPECT_EQ(ntohs(from.sin_port), local);
+        }
+        EXPECT_TRUE(net::logged("/var/shrcadlog.txt", c.logged));
+    }
+}
+
+// A send-only request from a port where a local service listens leaves
+// through the service's socket, so that the platform's instant answer
+// reaches the service (with a second socket on that port the kernel hands
+// the answer to the newer socket: the sender, which drops it). The service
+// here holds its port exclusively, so a request that opened a socket of its
+// own there would fail to bind.
+TEST(UdpClient, SendOnlyFromAServicePortLeavesThroughTheService) {
+    qdq::Fd service = net::bound(SOCK_DGRAM);
+    const unsigned port = net::port_of(service.get());
+    qdq::listener_opened(service.get(), port);
+
+    qdq::Fd platform = net::bound(SOCK_DGRAM);
+    const long fds = net::open_fds();
+    char reply[512], buf[64];
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_EQ(HGSendUdpRequest(port, "127.0.0.1", net::port_of(platform.get()), "{\"Hb\":1}", reply, 0), 0);
+        sockaddr_in from{};
+        socklen_t len = sizeof from;
+        ASSERT_TRUE(net::wait_in(platform.get()));
+        const ssize_t n = recvfrom(platform.get(), buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&from), &len);
+        EXPECT_EQ(ntohs(from.sin_port), port);
+        sendto(platform.get(), buf, size_t(n), 0, reinterpret_cast<sockaddr *>(&from), len);
+        ASSERT_TRUE(net::wait_in(service.get()));
+        EXPECT_EQ(recv(service.get(), buf, sizeof buf, 0), 8);
+    }
+    EXPECT_EQ(net::open_fds(), fds);
+
+    // Once the service's socket is closed the request uses a socket of its own.
+    const int fd = service.release();
+    qdq::close_descriptor(fd);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+    qdq::Fd again = net::bound(SOCK_DGRAM);
+    EXPECT_EQ(HGSendUdpRequest(port, "127.0.0.1", net::port_of(again.get()), "{}", reply, 0), 0);  // port free again
+    EXPECT_TRUE(net::wait_in(again.get(), 2000));
+    EXPECT_EQ(net::open_fds(), fds);  // the service's socket gone, `again` opened
+}
+
+// Accepts connections until 300 ms pass without one; on each, reads a frame
+// and sends the next of `answers` ("" = hang up), then waits for the close.
+struct Server {
+    qdq::Fd lst = net::bound(SOCK_STREAM, true);
+    std::vector<std::string> got;
+    int connections = 0;
+    std::thread th;
+    explicit Server(std::vector<std::string> answers) {
+        th = std::thread([this, answers] {
+            while (net::wait_in(lst.get(), 300)) {
+                qdq::Fd conn(accept(lst.get(), nullptr, nullptr));
+                ++connections;
+                bool hang_up = false;
+                for (const auto &a : answers) {
+                    uint32_t n = 0;
+                    std::memcpy(&n, net::read_n(conn.get(), 4).append(4, '\0').data(), 4);
+                    got.push_back(net::read_n(conn.get(), ntohl(n)));
+                    if ((hang_up = a.empty())) break;
+                    send(conn.get(), a.data(), a.size(), MSG_NOSIGNAL);
+                }
+                if (!hang_up) net::read_n(conn.get(), 1 << 20);
+            }
+        });
+    }
+    void wait() {
+        if (th.joinable()) th.join();
+    }
+    ~Server() { wait(); }
+};
+
+TEST(TcpClient, ExchangesOnTheRecordsConnection) {
+    qdq::Fd closed = net::bound(SOCK_STREAM), taken = net::bound(SOCK_STREAM, true);
+    const std::string L(696, 'L');
+    const unsigned kServer = 0;
+    struct Case {
+        const char *name;
+        unsigned plattype, port, localport;  // port kServer: the test's server
+        std::vector<std::string> answers;    // the server's, per request
+        std::vector<std::string> texts;      // expected at reply + 4, per request
+        int ret;
+        const char *logged;
+        bool fd_reset;  // socketfd back to -1 after the call
+    } cases[] = {
+        {"second request reuses the connection", 2, kServer, 0, {net::frame("{\"R\":0}"), net::frame("{\"R\":1}")},
+         {"{\"R\":0}", "{\"R\":1}"}, 0, "HGSendTcpRegister success!", false},
+        {"700-byte frame cut at 512", 3, kServer, 0, {net::frame(L)}, {L.substr(0, 508)}, 0, "", false},
+        {"peer closes without answer", 1, kServer, 0, {""}, {""}, 0, "", false},
+        {"refused", 2, net::port_of(closed.get()), 0, {}, {""}, -1, "connect error!", true},
+        {"local port taken", 2, kServer, net::port_of(taken.get()), {}, {""}, -1, "bind failed", false},
+        {"server silent", 2, kServer, 0, {}, {""}, -1, "timeout in select", false},
+        {"plattype 4", 4, kServer, 0, {}, {""}, -1, "platinfo is NULL, return!\n", true},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        platinfo *rec = getPlatInfo(c.plattype == 4 ? 2 : int(c.plattype));
+        Server srv(c.answers);
+        const long fds = net::open_fds();
+        rec->socketfd = -1;
+        rec->localport = c.localport;
+        rec->port = c.port == kServer ? net::port_of(srv.lst.get()) : c.port;
+        std::snprintf(rec->curip, sizeof rec->curip, "127.0.0.1");
+        std::vector<std::string> sent;
+        for (const auto &text : c.texts) {
+            sent.push_back("{\"n\":" + std::to_string(sent.size()) + "}");
+            const int before = rec->socketfd;
+            char reply[600];
+            std::memset(reply, 'Z', sizeof reply);
+            EXPECT_EQ(HGSendTcpRequest(c.plattype, sent.back().c_str(), reply, c.ret == 0 ? 100 : 1), c.ret);
+            EXPECT_EQ(reply[512], 'Z') << "written past 512 bytes";
+            if (c.ret != 0) break;
+            EXPECT_EQ(std::string(reply + 4, strnlen(reply + 4, 508)), text);
+            EXPECT_TRUE(before == -1 || rec->socketfd == before) << "reconnected";
+        }
+        if (c.ret == 0) {
+            close(rec->socketfd);
+            rec->socketfd = -1;
+        }
+        srv.wait();
+        if (c.ret == 0) {
+            EXPECT_EQ(srv.connections, 1);
+            EXPECT_EQ(srv.got, sent);
+        }
+        if (c.fd_reset) {
+            EXPECT_EQ(rec->socketfd, -1);
+        }
+        EXPECT_EQ(net::open_fds(), fds);
+        EXPECT_TRUE(net::logged("/var/shrcadlog.txt", c.logged));
+    }
+}
+
+}  // namespace
