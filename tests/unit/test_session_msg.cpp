@@ -177,8 +177,9 @@ protected:
     // header over TCP), or "" when nothing came back.
     std::string exchange(int type, bool tcp, const char *msg) {
         char reply[512] = "";
-        int rc = tcp ? HGSendTcpRequest(type, msg, reply, 5)
-                     : HGSendUdpRequest(0, "127.0.0.1", getPlatInfo(type)->port, msg, reply, 5);
+        const unsigned wait = 100;  // 1 s scaled: a loaded machine's simulator may take more than 50 ms
+        int rc = tcp ? HGSendTcpRequest(type, msg, reply, wait)
+                     : HGSendUdpRequest(0, "127.0.0.1", getPlatInfo(type)->port, msg, reply, wait);
         if (rc != 0) return "";
         reply[sizeof reply - 1] = '\0';
         return tcp ? std::string(reply + 4) : std::string(reply);
