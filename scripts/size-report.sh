@@ -22,7 +22,7 @@ build() {
   cmake -S . -B "$out/$name" $tc -DQDQUICK_BUILD_TESTS=OFF "$@" >/dev/null
   targets="qdquick qdplatform"
   for t in qdquickd qdquick-cli; do
-    cmake --build "$out/$name" --target help | grep -q "\.\.\. $t\$" && targets="$targets $t"
+    cmake --build "$out/$name" --target help | grep "\.\.\. $t\$" >/dev/null && targets="$targets $t"
   done
   if ! cmake --build "$out/$name" -j "$jobs" --target $targets > "$out/$name.log" 2>&1; then
     tail -n 20 "$out/$name.log"

@@ -9,7 +9,7 @@ set -eu
 cd "$(dirname "$0")/.."
 dir=build-tsan
 programs=${*:-"test_timer test_log test_exec test_transport test_dispatch_routes
-  test_dispatch_orders test_local_udp test_local_tcp test_quickinstall test_bad_input test_workers
+  test_dispatch_orders test_local_udp test_local_tcp test_bad_input test_workers
   test_session"}
 cmake -S . -B "$dir" -DQDQUICK_TSAN=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 # shellcheck disable=SC2086
@@ -22,7 +22,7 @@ export QDQUICK_TIME_SCALE=${QDQUICK_TIME_SCALE:-0.01}
 status=0
 for p in $programs; do
   case $p in
-    test_local_udp|test_local_tcp|test_quickinstall|test_bad_input) run="./tests/support/in_netns.sh" ;;
+    test_local_udp|test_local_tcp|test_bad_input) run="./tests/support/in_netns.sh" ;;
     *) run="" ;;
   esac
   log="$dir/$p.tsan.log"

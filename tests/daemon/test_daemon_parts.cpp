@@ -27,6 +27,8 @@ std::string field_of(const char *json, const char *key) {
     return out;
 }
 
+// The commands themselves are answered end to end (test_daemon_gateway.py);
+// here the answers' bounds and the refusals of bad requests.
 TEST(DaemonQuickInstall, AnswersAreBoundedJson) {
     std::snprintf(getSdkDevInfo()->devsn, sizeof getSdkDevInfo()->devsn, "%s", "SN77");
     struct Case {
@@ -35,8 +37,6 @@ TEST(DaemonQuickInstall, AnswersAreBoundedJson) {
         const char *key, *value;
     } cases[] = {
         {R"({"Cmd":"Discover"})", "0", "SN", "SN77"},
-        {R"({"Cmd":"Status"})", "0", nullptr, nullptr},
-        {R"({"Cmd":"Erase"})", "-1", nullptr, nullptr},
         {R"({"Cmd":7})", "-1", nullptr, nullptr},
         {"not json", "-1", "Error", "request is not a JSON object"},
         {nullptr, "-1", nullptr, nullptr},
@@ -60,14 +60,12 @@ TEST(DaemonQuickInstall, AnswersAreBoundedJson) {
     std::memset(getSdkDevInfo(), 0, sizeof(deviceinfo_t));
 }
 
-TEST(DaemonAbility, KnownCommandsAnswerOthersAreRefused) {
-    std::snprintf(getSdkDevInfo()->mac, sizeof getSdkDevInfo()->mac, "%s", "001122334455");
+TEST(DaemonAbility, ResultIsReplacedAndAHostileNameCut) {
     struct Case {
         std::string cmd;
         int result;
         const char *key;
-    } cases[] = {{"GetDeviceInfo", 0, "MAC"}, {"GetPlatformStatus", 0, "Platforms"},
-                 {"ListPlugins", 0, "Plugins"}, {"Reboot", -1, "Error"}, {std::string(300, 'Z'), -1, "Error"}};
+    } cases[] = {{"GetDeviceInfo", 0, "MAC"}, {std::string(300, 'Z'), -1, "Error"}};
     for (const Case &c : cases) {
         cJSON *cmd = cJSON_CreateObject();
         cJSON_AddStringToObject(cmd, "CmdType", c.cmd.c_str());
@@ -78,13 +76,10 @@ TEST(DaemonAbility, KnownCommandsAnswerOthersAreRefused) {
         for (const cJSON *m = cmd->child; m != nullptr; m = m->next) results += std::strcmp(m->string, "Result") == 0;
         EXPECT_EQ(results, 1);
         const cJSON *v = cJSON_GetObjectItemCaseSensitive(cmd, c.key);
-        ASSERT_NE(v, nullptr);
-        if (cJSON_IsString(v)) {
-            EXPECT_LT(std::strlen(v->valuestring), 100u);  // a hostile name is cut
-        }
+        ASSERT_TRUE(cJSON_IsString(v));
+        EXPECT_LT(std::strlen(v->valuestring), 100u);  // a hostile name is cut
         cJSON_Delete(cmd);
     }
-    std::memset(getSdkDevInfo(), 0, sizeof(deviceinfo_t));
 }
 
 TEST(DaemonDistri, NewAddressIsWrittenAndTheRestKept) {

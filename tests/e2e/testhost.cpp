@@ -1,55 +1,49 @@
 // qdq-testhost: a small host daemon for the end-to-end scenarios. It fills
 // the device and platform records from its options, initialises the
-// library, connects the platforms it is told to (each connect blocks, so
-// each runs on a thread of its own) and prints every callback as one JSON
-// line on stdout. Commands on stdin, one per line:
-//   connect cube|manage|plugin|plugin-thread    disconnect N    record N
-//   sockets
-// ("plugin" calls HGConnectPluginPlat on a thread of the host's, so that
-// its result is seen; "plugin-thread" uses CreateConnectPluginPlatThread.)
-// It runs until SIGTERM/SIGINT or --duration seconds.
-#include <pthread.h>
+// library, runs each (blocking) connect on a thread of its own and prints
+// every callback as one JSON line on stdout. Commands on stdin, one a line:
+//   connect cube|manage|plugin|plugin-thread   disconnect N   record N   sockets
+// ("plugin-thread" uses CreateConnectPluginPlatThread.) It runs until
+// SIGTERM/SIGINT or --duration seconds.
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdarg>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
-#include <dirent.h>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <mutex>
 #include <string>
+#include <system_error>
+#include <thread>
 
 #include "qdquick/qdquick.h"
 
 namespace {
 
-pthread_mutex_t out_mutex = PTHREAD_MUTEX_INITIALIZER;
+std::mutex out_mutex;
 
-// One JSON line; `body` is the object's members without the braces.
+// One JSON line; `format` gives the object's members without the braces.
 void emit(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void emit(const char *format, ...) {
-    char body[1024];
-    va_list ap;
-    va_start(ap, format);
-    std::vsnprintf(body, sizeof body, format, ap);
-    va_end(ap);
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
-    pthread_mutex_lock(&out_mutex);
-    std::printf("{\"t\":%.3f,%s}\n", static_cast<double>(ts.tv_sec) + ts.tv_nsec / 1e9, body);
+    std::lock_guard<std::mutex> lock(out_mutex);
+    std::printf("{\"t\":%.3f,", static_cast<double>(ts.tv_sec) + ts.tv_nsec / 1e9);
+    va_list ap;
+    va_start(ap, format);
+    std::vprintf(format, ap);
+    va_end(ap);
+    std::printf("}\n");
     std::fflush(stdout);
-    pthread_mutex_unlock(&out_mutex);
 }
 
-// JSON string contents (the texts here are plain, but quotes must not break
-// a line).
+// JSON string contents: quotes must not break a line.
 std::string esc(const char *s) {
     std::string out;
     for (; s && *s; ++s) {
@@ -69,27 +63,21 @@ void on_status(int plattype, const char *status, int result) {
     emit("\"event\":\"status\",\"plat\":%d,\"status\":\"%s\",\"result\":%d", plattype, esc(status).c_str(), result);
 }
 
-void *run_connect(void *arg) {
-    const int plat = static_cast<int>(reinterpret_cast<intptr_t>(arg));
-    int ret = 0;
-    switch (plat) {
-    case QDQ_PLAT_CUBE: ret = HGConnectCubePlat(&g_cube_request); break;
-    case QDQ_PLAT_MANAGE: ret = HGConnectManagePlat(&manageplatinfo); break;
-    case QDQ_PLAT_PLUGIN: ret = HGConnectPluginPlat(); break;
-    default: ret = CreateConnectPluginPlatThread(); break;
-    }
-    emit("\"event\":\"connect_return\",\"plat\":%d,\"ret\":%d", plat, ret);
-    return nullptr;
-}
-
 void start_connect(int plat) {
-    pthread_t t;
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    if (pthread_create(&t, &attr, run_connect, reinterpret_cast<void *>(static_cast<intptr_t>(plat))) != 0)
+    try {
+        std::thread([plat] {
+            int ret = 0;
+            switch (plat) {
+            case QDQ_PLAT_CUBE: ret = HGConnectCubePlat(&g_cube_request); break;
+            case QDQ_PLAT_MANAGE: ret = HGConnectManagePlat(&manageplatinfo); break;
+            case QDQ_PLAT_PLUGIN: ret = HGConnectPluginPlat(); break;
+            default: ret = CreateConnectPluginPlatThread(); break;
+            }
+            emit("\"event\":\"connect_return\",\"plat\":%d,\"ret\":%d", plat, ret);
+        }).detach();
+    } catch (const std::system_error &) {
         emit("\"event\":\"error\",\"what\":\"thread\"");
-    pthread_attr_destroy(&attr);
+    }
 }
 
 // Slot 0: timers the library leaves to its host; 8 connects the cube again.
@@ -99,17 +87,11 @@ void on_timer(int id, int period, int multtimes, int) {
 }
 
 int socket_count() {
+    std::error_code ec;
     int n = 0;
-    DIR *d = opendir("/proc/self/fd");
-    if (d == nullptr) return -1;
-    char link[64];
-    while (struct dirent *e = readdir(d)) {
-        std::string p = std::string("/proc/self/fd/") + e->d_name;
-        ssize_t len = readlink(p.c_str(), link, sizeof link - 1);
-        if (len > 0 && std::strncmp(link, "socket:", 7) == 0) ++n;
-    }
-    closedir(d);
-    return n;
+    for (const auto &fd : std::filesystem::directory_iterator("/proc/self/fd", ec))
+        n += std::filesystem::read_symlink(fd.path(), ec).native().rfind("socket:", 0) == 0;
+    return ec ? -1 : n;
 }
 
 void print_record(int plat) {
@@ -131,32 +113,31 @@ int plat_of(const std::string &name) {
     return std::atoi(name.c_str());
 }
 
-void *read_commands(void *) {
+void read_commands() {
     std::string line;
     while (std::getline(std::cin, line)) {
         const size_t sp = line.find(' ');
         const std::string cmd = line.substr(0, sp);
-        const std::string arg = sp == std::string::npos ? "" : line.substr(sp + 1);
+        const int plat = plat_of(sp == std::string::npos ? "" : line.substr(sp + 1));
         if (cmd == "connect") {
-            start_connect(plat_of(arg));
+            start_connect(plat);
         } else if (cmd == "disconnect") {
-            const int ret = HGDisconnectPlat(plat_of(arg));
-            emit("\"event\":\"disconnect_return\",\"plat\":%d,\"ret\":%d", plat_of(arg), ret);
+            const int ret = HGDisconnectPlat(plat);
+            emit("\"event\":\"disconnect_return\",\"plat\":%d,\"ret\":%d", plat, ret);
         } else if (cmd == "record") {
-            print_record(plat_of(arg));
+            print_record(plat);
         } else if (cmd == "sockets") {
             emit("\"event\":\"sockets\",\"count\":%d", socket_count());
         }
     }
-    return nullptr;
 }
 
 // The adapter reads the LOID from its device file under $QDQUICK_ROOT.
 void write_device_file(const std::string &loid) {
     const char *root = std::getenv("QDQUICK_ROOT");
-    std::string dir = std::string(root ? root : "") + "/etc/qdplatform";
-    mkdir((std::string(root ? root : "") + "/etc").c_str(), 0755);
-    mkdir(dir.c_str(), 0755);
+    const std::string dir = std::string(root ? root : "") + "/etc/qdplatform";
+    std::error_code ec;
+    std::filesystem::create_directories(dir, ec);
     std::ofstream(dir + "/device.conf") << "loid=" << loid << "\nbr0ip=192.168.1.1\nwanlinkmode=1\n";
 }
 
@@ -211,12 +192,7 @@ int main(int argc, char **argv) {
     g_cube_request = cubeplatinfo;
     emit("\"event\":\"ready\"");
 
-    pthread_t reader;
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    pthread_create(&reader, &attr, read_commands, nullptr);
-    pthread_attr_destroy(&attr);
+    std::thread(read_commands).detach();
     for (size_t pos = 0, next; (next = connects.find(',', pos)) != std::string::npos; pos = next + 1)
         start_connect(plat_of(connects.substr(pos, next - pos)));
 

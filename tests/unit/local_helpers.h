@@ -3,9 +3,12 @@
 #pragma once
 
 #include <cjson/cJSON.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <chrono>
+#include <cstring>
+#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -30,6 +33,8 @@ bool wait_until(Pred pred, int ms = 5000) {
     }
 }
 
+inline long threads() { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); }
+
 inline sockaddr_in loopback(unsigned port) {
     sockaddr_in a{};
     qdq::ipv4_address("127.0.0.1", port, a);
@@ -51,6 +56,42 @@ struct Udp {
         return s.substr(0, n > 0 ? size_t(n) : 0);
     }
 };
+
+// A TCP connection to `port` on loopback (invalid when refused).
+inline qdq::Fd tcp_connect(unsigned port) {
+    qdq::Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in a = loopback(port);
+    if (connect(fd.get(), reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) fd.reset();
+    return fd;
+}
+
+// The peer closed (or reset) the connection within 5 s, sending nothing.
+inline bool closed(int fd) {
+    char byte;
+    return net::wait_in(fd) && recv(fd, &byte, 1, MSG_DONTWAIT) <= 0;
+}
+
+// The reply frame's payload, "<closed>" when the service closed without
+// one. Afterwards the service must have closed the connection.
+inline std::string tcp_reply(int fd) {
+    const std::string head = net::read_n(fd, 4);
+    if (head.size() < 4) return "<closed>";
+    uint32_t n;
+    std::memcpy(&n, head.data(), 4);
+    const std::string payload = net::read_n(fd, ntohl(n));
+    EXPECT_TRUE(closed(fd)) << "a second reply or an open connection";
+    return payload;
+}
+
+// Sends `bytes` on a new connection to `port` (closing our side after them
+// when asked) and gives the reply.
+inline std::string tcp_exchange(unsigned port, const std::string &bytes, bool close_write = false) {
+    qdq::Fd fd = tcp_connect(port);
+    if (!fd.valid()) return "<no connection>";
+    send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (close_write) shutdown(fd.get(), SHUT_WR);
+    return tcp_reply(fd.get());
+}
 
 // Integer member `key` of a JSON text, or -999 when absent or not JSON.
 inline int json_int(const std::string &text, const char *key) {

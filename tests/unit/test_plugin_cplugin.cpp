@@ -11,6 +11,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "net_helpers.h"
 #include "platform_double.h"
@@ -116,7 +117,9 @@ protected:
     HttpServer server;
 };
 
-TEST_F(CPlugin, PackagesAndDescriptorRules) {
+// All installs run at once, as the host starts each on its own thread: every
+// one must still end in its own status sequence, nothing lost or mixed up.
+TEST_F(CPlugin, PackagesAndDescriptorRulesAllAtOnce) {
     const std::string sys = "/opt/sys_cplugin/sys.cpk";
     const Lines ok = {"Installing", "Installed", "Active"}, bad = {"Installing", "install_failed"};
     struct {
@@ -129,6 +132,8 @@ TEST_F(CPlugin, PackagesAndDescriptorRules) {
         {"com.t.ver", "", "ver.cpk", "/srv/ver.cpk", info("com.t.ver", "2.5"), ok},
         {"com.t.lim", "1.0", "lim.cpk", "/srv/lim.cpk",
          info("com.t.lim", "1.0", "Right: user\nCpu: 3\nVirtualRam: 0\nSocket: 0\n"), ok},
+        {"com.t.adm", "1.0", "adm.cpk", "/srv/adm.cpk",
+         info("com.t.adm", "1.0", "Right: admin\nCpu: 3\nVirtualRam: 0\nSocket: 0\n"), ok},
         {"com.t.other", "1.0", "other.cpk", "/srv/other.cpk", info("com.t.mismatch", "1.0"), bad},
         {"com.t.desc", "1.0", "desc.cpk", "/srv/desc.cpk", info("com.t.desc", "1.0", "Description: Nameless\n"), bad},
         {"com.t.nodesc", "1.0", "nodesc.cpk", "/srv/nodesc.cpk", "", bad},
@@ -136,11 +141,17 @@ TEST_F(CPlugin, PackagesAndDescriptorRules) {
         // Unpacked from the local path, never started here.
         {"com.t.sys", "1.0", sys, sys, info("com.t.sys", "1.0"), {"Installed"}},
     };
-    for (auto &c : cases) {
+    for (auto &c : cases)
         if (!c.package.empty()) build_cpk(in_root(c.package), c.descriptor);
-        if (c.name == "com.t.wrap")
-            sh("tar -cf '" + in_root("/srv/wrap.tar") + "' -C '" + in_root("/srv/w") + "' wrap__QD__.cpk");
-        EXPECT_EQ(install(c.name, c.version, c.url[0] == '/' ? c.url : server.url(c.url)), c.want) << c.name;
+    sh("tar -cf '" + in_root("/srv/wrap.tar") + "' -C '" + in_root("/srv/w") + "' wrap__QD__.cpk");
+    std::vector<std::thread> installs;
+    for (auto &c : cases)
+        installs.emplace_back([&] { install(c.name, c.version, c.url[0] == '/' ? c.url : server.url(c.url)); });
+    for (auto &t : installs) t.join();
+    for (auto &c : cases) {
+        EXPECT_EQ(statuses(c.name), c.want) << c.name;
+        EXPECT_EQ(grep(in_root("/var/pluginlog.txt"), "Run C Plugin success, name:" + c.name + ", version:").size(),
+                  c.want == ok ? 1u : 0u) << c.name;
         std::string s = c.name.substr(6), dir = in_root("/qdconf/CPlugin/" + s + "/");
         if (c.want.size() > 2 || c.want[0] == "Installed") {
             char target[PATH_MAX] = {0};
@@ -152,28 +163,52 @@ TEST_F(CPlugin, PackagesAndDescriptorRules) {
     EXPECT_TRUE(exists(in_root("/qdconf/CPlugin/Lib/libplug.so")));
     EXPECT_EQ(grep(main_log(), "name:com.t.ver version:2.5 status:Active").size(), 1u);
     // Only the plugin of Right "user" is held to its limits, as a user of its own.
+    EXPECT_EQ(grep(main_log(), "pluginname:com.t.adm,filename:MyPlugin/prog,cpulimit=-1,vRamLimit=-1,socketLimit=-1")
+                  .size(), 1u);
     EXPECT_EQ(grep(tools(), "cpulimit", 1), Lines{"cpulimit -e prog -b -l 1"});
     EXPECT_EQ(grep(tools(), "adduser"), Lines{"adduser lim -DH"});
     EXPECT_EQ(grep(tools(), "setuidgid"), Lines{"setuidgid lim ./prog"});
 }
 
 TEST_F(CPlugin, InjectionAttemptsRunNothing) {
-    std::string mark = in_root("/tmp/pwned");
-    build_cpk(in_root("/srv/evil.cpk"), "Name: com.t.evil\nVersion: 1\nRight: user\nType: app\nEntryFile: ../prog\n",
-              "#!/bin/sh\ntouch '" + mark + "'\n");
+    const std::string mark = in_root("/tmp/pwned"), name = "request, unsafe name", ver = "request, unsafe version",
+                      url = "request, unsafe url", entry = "descriptor, unsafe entry file";
     struct {
-        std::string name, version, url;
-        Lines want;
+        std::string name, version, file, refused, entry = "";  // entry: a package's EntryFile, starting ./prog if run
     } cases[] = {
-        {"com.t.a;touch " + mark, "1", server.url("evil.cpk"), {"install_failed"}},
-        {"com.t.v", "1$(touch " + mark + ")", server.url("evil.cpk"), {"install_failed"}},
-        {"com.t.u", "1", server.url("`touch " + mark + "`.cpk"), {"install_failed"}},
-        {"com.t.q", "1", server.url("x'.cpk"), {"install_failed"}},
-        {"com.t.evil", "1", server.url("evil.cpk"), {"Installing", "install_failed"}},
+        {"com.t.a;touch " + mark, "1", "e.cpk", name},
+        {"com.t.p|tee", "1", "e.cpk", name},
+        {"com.t.b&true", "1", "e.cpk", name},
+        {"com.t.r>pwned", "1", "e.cpk", name},
+        {"com.t.v", "1$(touch " + mark + ")", "e.cpk", ver},
+        {"com.t.i", "1<in", "e.cpk", ver},
+        {"com.t.u", "1", "`touch " + mark + "`.cpk", url},
+        {"com.t.q", "1", "x'.cpk", url},
+        {"com.t.o", "1", "x.cpk|tee", url},
+        {"com.t.g", "1", "x.cpk>pwned", url},
+        {"com.t.l", "1", "x.cpk<in", url},
+        {"com.t.n", "1", "x.cpk\ntouch", url},
+        {"com.t.e1", "1", "e1.cpk", entry, "../prog"},
+        {"com.t.e2", "1", "e2.cpk", entry, "MyPlugin/prog;true"},
+        {"com.t.e3", "1", "e3.cpk", entry, "prog|true"},
+        {"com.t.e4", "1", "e4.cpk", entry, "prog&true"},
+        {"com.t.e5", "1", "e5.cpk", entry, "prog>out"},
+        {"com.t.e6", "1", "e6.cpk", entry, "prog<prog"},
     };
-    for (auto &c : cases) EXPECT_EQ(install(c.name, c.version, c.url), c.want) << c.name << c.version << c.url;
-    char entry[] = "../prog";
-    EXPECT_EQ(HgCPluginRun("com.t.evil", "1", "app", entry, -1, -1, -1), -1);
+    auto refusals = [](const std::string &what) {
+        return grep(main_log(), "HgDownLoadCpluginAndProcess: refused " + what).size();
+    };
+    for (auto &c : cases) {
+        if (!c.entry.empty())
+            build_cpk(in_root("/srv/" + c.file), "Name: " + c.name + "\nVersion: 1\nType: app\nEntryFile: " + c.entry,
+                      "#!/bin/sh\ntouch '" + mark + "'\n");
+        size_t before = refusals(c.refused);
+        Lines want = c.entry.empty() ? Lines{"install_failed"} : Lines{"Installing", "install_failed"};
+        EXPECT_EQ(install(c.name, c.version, server.url(c.file)), want) << c.name << c.version << c.file;
+        EXPECT_EQ(refusals(c.refused), before + 1) << c.name << c.version << c.file;
+    }
+    char climb[] = "../prog";
+    EXPECT_EQ(HgCPluginRun("com.t.e1", "1", "app", climb, -1, -1, -1), -1);
     EXPECT_EQ(ProcessCPluginStop("com.t.evil", "1", "ko", "m;true"), -1);
     usleep(200 * 1000);
     EXPECT_FALSE(exists(mark));

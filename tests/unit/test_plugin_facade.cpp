@@ -54,23 +54,15 @@ TEST(PluginFacade, DescriptorRules) {
     EXPECT_EQ(rec.cpu, 30);
     EXPECT_EQ(rec.virtualram, 0);
     EXPECT_EQ(read("Version: 2.6\n", rec), DescResult::VersionMismatch);
-    EXPECT_EQ(read("Description: Name is free text\n", rec), DescResult::NameMismatch);
 }
 
-TEST(PluginFacade, UninstallFlagsAndList) {
+TEST(PluginFacade, UninstallFlagsAreReadForTheProtectedBundles) {
     qdq_test::platform().reset();
     int *flags = HgGetPluginUnistallFlag();
     EXPECT_EQ(std::vector<int>(flags, flags + 8), std::vector<int>(8, 0));
     auto reads = qdq_test::platform().calls_named("getcfgx");
     ASSERT_EQ(reads.size(), 7u);
     EXPECT_EQ(reads[2], "getcfgx /var/pluginuninstall.txt com.brevanta.varnelo.smartgateway.samba");
-
-    cJSON *obj = cJSON_Parse(R"({"Plugin_Name":"x"})");
-    EXPECT_EQ(HgListPlugin(obj), 0);
-    char *text = cJSON_PrintUnformatted(obj);
-    EXPECT_STREQ(text, R"({"Plugin_Name":"x","Plugin":[]})");
-    free(text);
-    cJSON_Delete(obj);
 }
 
 TEST(PluginFacade, OsgiFactoryResetRemovesOnlyTheBundlesData) {
