@@ -18,20 +18,31 @@ inline long open_fds() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
-inline unsigned port_of(int fd) {
-    sockaddr_in a{};
-    socklen_t len = sizeof a;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
-    return ntohs(a.sin_port);
+// The port of an IPv4 or IPv6 address (the same place in both).
+inline unsigned port_in(const sockaddr_storage &a) {
+    return ntohs(reinterpret_cast<const sockaddr_in &>(a).sin_port);
 }
 
-// Bound to 127.0.0.1 on a port the system picked, without SO_REUSEADDR so
-// the port is really taken; TCP ones listen when asked.
-inline qdq::Fd bound(int type, bool listening = false) {
-    qdq::Fd fd(socket(AF_INET, type, 0));
-    sockaddr_in a{};
-    qdq::ipv4_address("127.0.0.1", 0, a);
-    bind(fd.get(), reinterpret_cast<sockaddr *>(&a), sizeof a);
+inline unsigned port_of(int fd) {
+    sockaddr_storage a{};
+    socklen_t len = sizeof a;
+    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
+    return port_in(a);
+}
+
+// Bound to the loopback address (127.0.0.1 or ::1) on a port the system
+// picked, without SO_REUSEADDR so the port is really taken; TCP ones listen
+// when asked. Not valid when the bind failed.
+inline qdq::Fd bound(int type, bool listening = false, int family = AF_INET) {
+    qdq::Fd fd(socket(family, type, 0));
+    sockaddr_in a4{};
+    sockaddr_in6 a6{};
+    qdq::ipv4_address("127.0.0.1", 0, a4);
+    qdq::ipv6_address("::1", 0, a6);
+    const bool v6 = family == AF_INET6;
+    if (bind(fd.get(), v6 ? reinterpret_cast<sockaddr *>(&a6) : reinterpret_cast<sockaddr *>(&a4),
+             v6 ? sizeof a6 : sizeof a4) != 0)
+        fd.reset();
     if (listening) listen(fd.get(), 4);
     return fd;
 }

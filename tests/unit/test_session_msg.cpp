@@ -5,11 +5,15 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "common/clock.h"
 #include "common/json.h"
+#include "common/log.h"
 #include "net_helpers.h"
 #include "platform_double.h"
 #include "platintf/hgprocessplatintf.h"
@@ -173,8 +177,9 @@ protected:
     // header over TCP), or "" when nothing came back.
     std::string exchange(int type, bool tcp, const char *msg) {
         char reply[512] = "";
-        int rc = tcp ? HGSendTcpRequest(type, msg, reply, 5)
-                     : HGSendUdpRequest(0, "127.0.0.1", getPlatInfo(type)->port, msg, reply, 5);
+        const unsigned wait = 100;  // 1 s scaled: a loaded machine's simulator may take more than 50 ms
+        int rc = tcp ? HGSendTcpRequest(type, msg, reply, wait)
+                     : HGSendUdpRequest(0, "127.0.0.1", getPlatInfo(type)->port, msg, reply, wait);
         if (rc != 0) return "";
         reply[sizeof reply - 1] = '\0';
         return tcp ? std::string(reply + 4) : std::string(reply);
@@ -258,6 +263,26 @@ TEST_F(SimExchange, PushSignatureAcceptedAndTamperedPushRejected) {
     qdq::CText reply(raw);
     EXPECT_EQ(HGProcessPushReply(reply.get()), 1);
     EXPECT_EQ(sim_->records_with({"\"signature_ok\": false"}).size(), 1u);
+}
+
+// A message server whose accept queue is full drops the connection attempt
+// unanswered; the push gives up after its connect time-out.
+TEST_F(SessionMsg, PushGivesUpOnAServerThatNeverAccepts) {
+    qdq::Fd server = net::bound(SOCK_STREAM);
+    ASSERT_EQ(listen(server.get(), 0), 0);  // room for one queued connection
+    qdq::Fd queued = net::connected(net::port_of(server.get()));
+    ASSERT_TRUE(queued.valid());
+    std::snprintf(messageserver.addr, sizeof messageserver.addr, "127.0.0.1");
+    messageserver.port = net::port_of(server.get());
+    manageplatinfo.regflag = 1;
+    const long fds = net::open_fds();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(SendPushMessage("door open", nullptr), -1);
+    using Seconds = std::chrono::duration<double>;
+    const double took = Seconds(std::chrono::steady_clock::now() - start).count();
+    EXPECT_LT(took, Seconds(qdq::scaled(10)).count() + 3);  // scaled, not the kernel's minutes
+    EXPECT_TRUE(net::logged(qdq::kLogMain, std::string("connect error! errno=") + std::strerror(ETIMEDOUT)));
+    EXPECT_EQ(net::open_fds(), fds);
 }
 
 TEST(PushReply, ResultRules) {

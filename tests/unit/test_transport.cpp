@@ -81,15 +81,36 @@ TEST(Framing, ReceiveOneFrameFromEveryKindOfStream) {
     }
 }
 
-using UdpFn = int (*)(unsigned, const char *, unsigned, const char *, char *, unsigned);
+// The request clients run over IPv4 and IPv6 (the _v6 twins) through the
+// same tables.
+struct Family {
+    const char *name;
+    int af;
+    const char *loopback;
+    int (*udp)(unsigned, const char *, unsigned, const char *, char *, unsigned);
+    int (*tcp)(unsigned, const char *, char *, unsigned);
+};
+const Family kFamilies[] = {{"v4", AF_INET, "127.0.0.1", HGSendUdpRequest, HGSendTcpRequest},
+                            {"v6", AF_INET6, "::1", HGSendUdpRequest_v6, HGSendTcpRequest_v6}};
+void PrintTo(const Family &f, std::ostream *os) { *os << f.name; }
+
+class Client : public ::testing::TestWithParam<Family> {
+protected:
+    void SetUp() override {
+        if (!net::bound(SOCK_DGRAM, false, GetParam().af)) GTEST_SKIP() << "no " << GetParam().loopback << " here";
+    }
+};
+INSTANTIATE_TEST_SUITE_P(, Client, ::testing::ValuesIn(kFamilies), [](const auto &i) { return i.param.name; });
+
 constexpr unsigned kPick = 1;  // bind a free local port
 
-TEST(UdpClient, OneDatagramOutAtMostOneBack) {
-    qdq::Fd taken = net::bound(SOCK_DGRAM);  // no SO_REUSEADDR: binding it fails
+TEST_P(Client, UdpOneDatagramOutAtMostOneBack) {
+    const Family &f = GetParam();
+    qdq::Fd taken = net::bound(SOCK_DGRAM, false, f.af);  // no SO_REUSEADDR: binding it fails
     const std::string msg = "{\"RPCMethod\":\"Heartbeat\"}", answer(5000, 'a');
     struct Case {
         const char *name;
-        UdpFn fn;
+        bool big;  // HGSendUdpRequest_big (IPv4 only)
         unsigned local, timeout;
         const char *ip, *msg;
         int sent;     // reply bytes the server sends, -1 = stays silent
@@ -98,22 +119,23 @@ TEST(UdpClient, OneDatagramOutAtMostOneBack) {
         int ret;
         const char *logged;
     } cases[] = {
-        {"short reply, fixed local port", HGSendUdpRequest, kPick, 100, "127.0.0.1", msg.c_str(), 20, 20, 0, 0, ""},
-        {"600 bytes cut to 512, no NUL", HGSendUdpRequest, 0, 100, "127.0.0.1", msg.c_str(), 600, 512, 'Z', 0, ""},
-        {"send only", HGSendUdpRequest, 0, 0, "127.0.0.1", msg.c_str(), 20, 0, 'Z', 0, ""},
-        {"big: the byte count", HGSendUdpRequest_big, 0, 100, "127.0.0.1", msg.c_str(), 5000, 5000, 0, 5000, ""},
-        {"server silent", HGSendUdpRequest, 0, 1, "127.0.0.1", "{}", -1, 0, 'Z', -1, "timeout in select"},
-        {"local port taken", HGSendUdpRequest, net::port_of(taken.get()), 1, "127.0.0.1", "{}", -1, 0, 'Z', -1,
+        {"short reply, fixed local port", false, kPick, 100, f.loopback, msg.c_str(), 20, 20, 0, 0, ""},
+        {"600 bytes cut to 512, no NUL", false, 0, 100, f.loopback, msg.c_str(), 600, 512, 'Z', 0, ""},
+        {"send only", false, 0, 0, f.loopback, msg.c_str(), 20, 0, 'Z', 0, ""},
+        {"big: the byte count", true, 0, 100, "127.0.0.1", msg.c_str(), 5000, 5000, 0, 5000, ""},
+        {"server silent", false, 0, 1, f.loopback, "{}", -1, 0, 'Z', -1, "timeout in select"},
+        {"local port taken", false, net::port_of(taken.get()), 1, f.loopback, "{}", -1, 0, 'Z', -1,
          "bind failed, errno="},
-        {"no message", HGSendUdpRequest_big, 0, 1, "127.0.0.1", nullptr, -1, 0, 'Z', -1, "sendbuf is NULL, return!"},
-        {"malformed address", HGSendUdpRequest, 0, 1, "127.0.0.300", "{}", -1, 0, 'Z', -1, "inet_aton error"},
+        {"no message", false, 0, 1, f.loopback, nullptr, -1, 0, 'Z', -1, "sendbuf is NULL, return!"},
+        {"malformed address", false, 0, 1, "127.0.0.300", "{}", -1, 0, 'Z', -1, "inet_aton error"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        qdq::Fd srv = net::bound(SOCK_DGRAM);
-        const unsigned local = c.local == kPick ? net::port_of(net::bound(SOCK_DGRAM).get()) : c.local;
+        if (c.big && f.af != AF_INET) continue;
+        qdq::Fd srv = net::bound(SOCK_DGRAM, false, c.big ? AF_INET : f.af);
+        const unsigned local = c.local == kPick ? net::port_of(net::bound(SOCK_DGRAM, false, f.af).get()) : c.local;
         std::string got;
-        sockaddr_in from{};
+        sockaddr_storage from{};
         std::thread server([&] {
             socklen_t len = sizeof from;
             if (c.sent < 0 || !net::wait_in(srv.get())) return;
@@ -123,7 +145,9 @@ TEST(UdpClient, OneDatagramOutAtMostOneBack) {
         });
         const long fds = net::open_fds();
         std::vector<char> reply(102401, 'Z');
-        EXPECT_EQ(c.fn(local, c.ip, net::port_of(srv.get()), c.msg, reply.data(), c.timeout), c.ret);
+        EXPECT_EQ((c.big ? HGSendUdpRequest_big : f.udp)(local, c.ip, net::port_of(srv.get()), c.msg, reply.data(),
+                                                         c.timeout),
+                  c.ret);
         server.join();
         EXPECT_EQ(net::open_fds(), fds);
         EXPECT_EQ(std::string(reply.data(), c.kept), answer.substr(0, c.kept));
@@ -132,7 +156,7 @@ TEST(UdpClient, OneDatagramOutAtMostOneBack) {
             EXPECT_EQ(got, msg) << "the text alone: no NUL, no framing";
         }
         if (c.local == kPick) {
-            EXPECT_EQ(ntohs(from.sin_port), local);
+            EXPECT_EQ(net::port_in(from), local);
         }
         EXPECT_TRUE(net::logged("/var/shrcadlog.txt", c.logged));
     }
@@ -175,23 +199,25 @@ TEST(UdpClient, SendOnlyFromAServicePortLeavesThroughTheService) {
     EXPECT_EQ(net::open_fds(), fds);  // the service's socket gone, `again` opened
 }
 
-// Accepts connections until 300 ms pass without one; on each, reads a frame
-// and sends the next of `answers` ("" = hang up), then waits for the close.
+// Accepts connections until 300 ms pass without one; on each, takes a frame
+// as the library's own receiver does (payload, or "<refused>" past 100K)
+// and sends the next of `answers` ("" = hang up), then reads to the close.
 struct Server {
-    qdq::Fd lst = net::bound(SOCK_STREAM, true);
+    qdq::Fd lst;
     std::vector<std::string> got;
     int connections = 0;
     std::thread th;
-    explicit Server(std::vector<std::string> answers) {
+    Server(std::vector<std::string> answers, int af) : lst(net::bound(SOCK_STREAM, true, af)) {
         th = std::thread([this, answers] {
             while (net::wait_in(lst.get(), 300)) {
                 qdq::Fd conn(accept(lst.get(), nullptr, nullptr));
                 ++connections;
                 bool hang_up = false;
                 for (const auto &a : answers) {
-                    uint32_t n = 0;
-                    std::memcpy(&n, net::read_n(conn.get(), 4).append(4, '\0').data(), 4);
-                    got.push_back(net::read_n(conn.get(), ntohl(n)));
+                    char *text = nullptr;
+                    const int n = HgTcpRcv(conn.get(), &text);
+                    got.push_back(n > 0 ? text : n == 0 ? "<refused>" : "<cut>");
+                    std::free(text);
                     if ((hang_up = a.empty())) break;
                     send(conn.get(), a.data(), a.size(), MSG_NOSIGNAL);
                 }
@@ -205,9 +231,12 @@ struct Server {
     ~Server() { wait(); }
 };
 
-TEST(TcpClient, ExchangesOnTheRecordsConnection) {
-    qdq::Fd closed = net::bound(SOCK_STREAM), taken = net::bound(SOCK_STREAM, true);
+TEST_P(Client, TcpExchangesOnTheRecordsConnection) {
+    const Family &f = GetParam();
+    qdq::Fd closed = net::bound(SOCK_STREAM, false, f.af), taken = net::bound(SOCK_STREAM, true, f.af);
     const std::string L(696, 'L');
+    std::string big(102401, '\0');  // no fixed frame buffer holds it; ASan watches the client's
+    for (size_t i = 0; i < big.size(); ++i) big[i] = char('!' + i % 89);
     const unsigned kServer = 0;
     struct Case {
         const char *name;
@@ -217,32 +246,37 @@ TEST(TcpClient, ExchangesOnTheRecordsConnection) {
         int ret;
         const char *logged;
         bool fd_reset;  // socketfd back to -1 after the call
+        size_t size;    // of each request sent; 0: short ones
+        const char *got = nullptr;  // what the server took, when not the requests
     } cases[] = {
         {"second request reuses the connection", 2, kServer, 0, {net::frame("{\"R\":0}"), net::frame("{\"R\":1}")},
-         {"{\"R\":0}", "{\"R\":1}"}, 0, "HGSendTcpRegister success!", false},
-        {"700-byte frame cut at 512", 3, kServer, 0, {net::frame(L)}, {L.substr(0, 508)}, 0, "", false},
-        {"peer closes without answer", 1, kServer, 0, {""}, {""}, 0, "", false},
-        {"refused", 2, net::port_of(closed.get()), 0, {}, {""}, -1, "connect error!", true},
-        {"local port taken", 2, kServer, net::port_of(taken.get()), {}, {""}, -1, "bind failed", false},
-        {"server silent", 2, kServer, 0, {}, {""}, -1, "timeout in select", false},
-        {"plattype 4", 4, kServer, 0, {}, {""}, -1, "platinfo is NULL, return!\n", true},
+         {"{\"R\":0}", "{\"R\":1}"}, 0, "HGSendTcpRegister success!", false, 0},
+        {"700-byte frame cut at 512", 3, kServer, 0, {net::frame(L)}, {L.substr(0, 508)}, 0, "", false, 0},
+        {"peer closes without answer", 1, kServer, 0, {""}, {""}, 0, "", false, 0},
+        {"100K request whole", 2, kServer, 0, {net::frame("{}")}, {"{}"}, 0, "", false, 102400},
+        {"100K + 1 sent, the peer refuses it", 2, kServer, 0, {net::frame("{}")}, {"{}"}, 0, "", false, 102401,
+         "<refused>"},
+        {"refused", 2, net::port_of(closed.get()), 0, {}, {""}, -1, "connect error!", true, 0},
+        {"local port taken", 2, kServer, net::port_of(taken.get()), {}, {""}, -1, "bind failed", false, 0},
+        {"server silent", 2, kServer, 0, {}, {""}, -1, "timeout in select", false, 0},
+        {"plattype 4", 4, kServer, 0, {}, {""}, -1, "platinfo is NULL, return!\n", true, 0},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         platinfo *rec = getPlatInfo(c.plattype == 4 ? 2 : int(c.plattype));
-        Server srv(c.answers);
+        Server srv(c.answers, f.af);
         const long fds = net::open_fds();
         rec->socketfd = -1;
         rec->localport = c.localport;
         rec->port = c.port == kServer ? net::port_of(srv.lst.get()) : c.port;
-        std::snprintf(rec->curip, sizeof rec->curip, "127.0.0.1");
+        std::snprintf(rec->curip, sizeof rec->curip, "%s", f.loopback);
         std::vector<std::string> sent;
         for (const auto &text : c.texts) {
-            sent.push_back("{\"n\":" + std::to_string(sent.size()) + "}");
+            sent.push_back(c.size ? big.substr(0, c.size) : "{\"n\":" + std::to_string(sent.size()) + "}");
             const int before = rec->socketfd;
             char reply[600];
             std::memset(reply, 'Z', sizeof reply);
-            EXPECT_EQ(HGSendTcpRequest(c.plattype, sent.back().c_str(), reply, c.ret == 0 ? 100 : 1), c.ret);
+            EXPECT_EQ(f.tcp(c.plattype, sent.back().c_str(), reply, c.ret == 0 ? 100 : 1), c.ret);
             EXPECT_EQ(reply[512], 'Z') << "written past 512 bytes";
             if (c.ret != 0) break;
             EXPECT_EQ(std::string(reply + 4, strnlen(reply + 4, 508)), text);
@@ -255,7 +289,7 @@ TEST(TcpClient, ExchangesOnTheRecordsConnection) {
         srv.wait();
         if (c.ret == 0) {
             EXPECT_EQ(srv.connections, 1);
-            EXPECT_EQ(srv.got, sent);
+            EXPECT_EQ(srv.got, c.got ? std::vector<std::string>{c.got} : sent);
         }
         if (c.fd_reset) {
             EXPECT_EQ(rec->socketfd, -1);
