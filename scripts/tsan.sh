@@ -22,7 +22,7 @@ export QDQUICK_TIME_SCALE=${QDQUICK_TIME_SCALE:-0.01}
 status=0
 for p in $programs; do
   case $p in
-    test_local_udp|test_local_tcp|test_bad_input) run="./tests/support/in_netns.sh" ;;
+    test_local_udp|test_local_tcp|test_bad_input|test_dispatch_routes) run="./tests/support/in_netns.sh" ;;
     *) run="" ;;
   esac
   log="$dir/$p.tsan.log"
