@@ -1,7 +1,8 @@
 // The library as a router runs it: the shared library with the real adapter,
-// initialised, with its timer and local services (UDP on the manage port and
-// on 18401, TCP, quick-install) started, in a private network namespace (the
-// ports are fixed, the firewall commands real). The process stays within the
+// initialised, with its timer, local services (UDP on the manage port and on
+// 18401, TCP, quick-install) and the manage and plugin platform sessions
+// (registered with the simulator, heartbeating) running, in a private
+// network namespace (the ports are fixed, the firewall commands real). The process stays within the
 // bounds of docs/mipsel.md and no thread runs on glibc's default 8 MiB stack.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -9,11 +10,15 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <pthread.h>
+
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
 #include "qdquick/qdquick.h"
+#include "sim_process.h"
 #include "test_env.h"
 
 namespace {
@@ -103,12 +108,33 @@ bool port_taken(int type, unsigned port) {
     return false;
 }
 
+// Platforms (bit per type) whose session reached "connected".
+std::atomic<unsigned> g_connected{0};
+
+void on_status(int plattype, const char *status, int) {
+    if (status != nullptr && std::strcmp(status, "connected") == 0) g_connected |= 1u << plattype;
+}
+void on_distri(int, platinfo *) {}
+void on_quick(char *reply, const char *) { reply[0] = '\0'; }
+
+// The manage session holds its caller for as long as it lasts: a thread of
+// the host's, with a small stack like the library's own.
+void *manage_session(void *) {
+    HGConnectManagePlat(&manageplatinfo);
+    return nullptr;
+}
+
 TEST(Memory, AllServicesRunWithinTheRouterBound) {
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the sanitizer's shadow memory makes the figures meaningless";
 #endif
+    qdq_test::SimProcess sim({"--serial", "SN1"});
+    ASSERT_TRUE(sim.ready());
     const Footprint before = measure();
     quickevcb_t callbacks{};
+    callbacks.platstatus = on_status;
+    callbacks.platdistri = on_distri;
+    callbacks.quickinstall = on_quick;
     ASSERT_EQ(initQdQuick(&callbacks), 0);
     ASSERT_EQ(AppTimerCreate(1, 8, 1, QdTimeoutHandle), 0);  // expiry threads come and go
     manageplatinfo.localport = 18402;
@@ -117,6 +143,32 @@ TEST(Memory, AllServicesRunWithinTheRouterBound) {
     ASSERT_EQ(CreatePrecessTcpReqThread(&g_tcp), 0);
     for (unsigned port : {18402, 18401, 7998}) EXPECT_TRUE(port_taken(SOCK_DGRAM, port)) << port;
     EXPECT_TRUE(port_taken(SOCK_STREAM, 18998));
+
+    deviceinfo_t *device = getSdkDevInfo();
+    std::snprintf(device->devsn, sizeof device->devsn, "SN1");
+    std::snprintf(device->mac, sizeof device->mac, "001122334455");
+    std::snprintf(device->ipaddr, sizeof device->ipaddr, "127.0.0.1");
+    device->ipmode = 2;
+    std::snprintf(manageplatinfo.MgtURL, sizeof manageplatinfo.MgtURL, "127.0.0.1");
+    manageplatinfo.port = sim.port("manage");
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, 256 * 1024);
+    pthread_t manage;
+    ASSERT_EQ(pthread_create(&manage, &attr, manage_session, nullptr), 0);
+    pthread_attr_destroy(&attr);
+    pthread_detach(manage);
+    const auto wait_connected = [](unsigned mask) {
+        for (int waited = 0; (g_connected & mask) != mask && waited < 10000 * qdq_test::slowdown(); waited += 10)
+            usleep(10 * 1000);
+        return (g_connected & mask) == mask;
+    };
+    // The manage connect clears the plugin record: the plugin platform comes after it.
+    ASSERT_TRUE(wait_connected(1u << QDQ_PLAT_MANAGE)) << "the manage session did not register";
+    std::snprintf(pluginplatinfo.MgtURL, sizeof pluginplatinfo.MgtURL, "127.0.0.1");
+    pluginplatinfo.port = sim.port("plugin");
+    ASSERT_EQ(CreateConnectPluginPlatThread(), 0);
+    EXPECT_TRUE(wait_connected(1u << QDQ_PLAT_PLUGIN)) << "the plugin session did not register";
     usleep(300 * 1000);
 
     const Footprint after = measure();
