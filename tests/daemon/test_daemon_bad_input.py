@@ -8,7 +8,7 @@ from __future__ import annotations
 
 import json
 
-from hardening import answers_and_settles, last_seq, push_and_answer, up
+from conftest import answers_and_settles, up
 
 WRONG = [5, -1, 1e300, None, True, [], ["x", 1], {}, {"a": {}}, "", "!!!!", "A" * 300, "B" * 10221]
 KEYS = {
@@ -23,20 +23,15 @@ MALFORMED = ["{", "[]", "null", '"text"', '{"RPCMethod":', '{"a":1}{"b":2}', "["
 def test_bad_commands_on_the_plugin_channel(gateway):
     g = gateway
     base = up(g, "--no-install")
-    texts = list(MALFORMED)
-    for method, keys in KEYS.items():
-        for key in keys:
-            for value in WRONG:
-                # The unknown plugin keeps the handlers from touching the
-                # sample plugin; the wrong value comes first (cJSON takes the
-                # first of duplicate keys).
-                texts.append(f'{{"{key}":{json.dumps(value)},' + REST % method)
-    since = last_seq(g)
+    # The unknown plugin keeps the handlers from touching the sample plugin;
+    # the wrong value comes first (cJSON takes the first of duplicate keys).
+    texts = MALFORMED + [f'{{"{key}":{json.dumps(value)},' + REST % method
+                         for method, keys in KEYS.items() for key in keys for value in WRONG]
+    since = g.sim.last_seq()
     for text in texts:
-        r = g.control({"cmd": "push", "platform": "plugin", "text": text})
-        assert r["ok"], (r, text[:100])
-    assert push_and_answer(g, {"RPCMethod": "ListPlugin", "ID": "after"}, 30)["Result"] == 0
-    for record in g.control({"cmd": "records", "since": since})["records"]:
-        if record["platform"] == "plugin" and record["direction"] == "in" and record.get("kind") == "reply":
+        assert g.sim.control(cmd="push", platform="plugin", text=text)["ok"], text[:100]
+    assert g.sim.push("plugin", 30, message={"RPCMethod": "ListPlugin", "ID": "after"})["json"]["Result"] == 0
+    for record in g.sim.records(platform="plugin", direction="in", kind="reply"):
+        if record["seq"] > since:
             assert isinstance(record["json"], dict), record["text"][:200]
     answers_and_settles(g, base)

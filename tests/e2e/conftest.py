@@ -7,7 +7,6 @@ from __future__ import annotations
 import json
 import os
 import shlex
-import socket
 import subprocess
 import sys
 import threading
@@ -120,14 +119,3 @@ def make_host(tmp_path: Path) -> Iterator[Callable[..., Host]]:
         assert "Sanitizer" not in stderr and "runtime error" not in stderr, stderr
         assert host.proc.returncode == 0, stderr
 
-
-def free_port(address: str) -> int:
-    """A port free for both TCP and UDP on `address`."""
-    while True:
-        with socket.socket() as t, socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as u:
-            t.bind((address, 0))
-            try:
-                u.bind((address, t.getsockname()[1]))
-            except OSError:
-                continue
-            return t.getsockname()[1]

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import pytest
 
-from conftest import HOST, MULTI, TICK, eventually, free_port, scaled
+from conftest import HOST, MULTI, TICK, eventually, scaled
 
 
 def manage_args(sim, *extra: str) -> tuple[str, ...]:
@@ -102,9 +102,11 @@ def test_plugin_server_in_register_reply_connects_the_plugin_platform(make_sim, 
 
 @pytest.mark.skipif(not MULTI, reason="needs the private hosts file of the network namespace")
 def test_result_minus5_moves_the_boot_to_another_address(make_sim, make_host):
-    port = free_port("127.0.0.3")
+    # One port at both addresses (nothing else listens in the namespace).
     script = {"platforms": {"manage": {"answers": {"Boot": [{"Result": -5}]}}}}
-    sims = [make_sim(script, ["--bind", a, f"--manage-port={port}"]) for a in ("127.0.0.2", "127.0.0.3")]
+    sims = [make_sim(script, ["--bind", "127.0.0.2", "--manage-port=0"])]
+    port = sims[0].ports["manage"]
+    sims.append(make_sim(script, ["--bind", "127.0.0.3", f"--manage-port={port}"]))
     host = make_host("--manage-addr", MULTI, "--manage-port", str(port), "--connect", "manage")
     host.wait_event(event="connect_return", plat=2, ret=1, timeout=15)
     boots = sorted((r["time"], i) for i, s in enumerate(sims) for r in s.records(kind="boot"))
