@@ -6,7 +6,7 @@ import time
 
 import pytest
 
-from conftest import HOST, IN_NETNS, TICK, scaled, wait_until
+from conftest import HOST, IN_NETNS, TICK, eventually, scaled
 
 
 @pytest.mark.skipif(not IN_NETNS, reason="needs the fixed default port, free only in the private namespace")
@@ -53,7 +53,7 @@ def test_manage_disconnect_reconnects_after_5s(make_sim, make_host):
     assert (rec["status"], rec["regflag"], rec["heartbeatip"], rec["interval"], rec["mgturl"], rec["socketfd"]) == \
         ("disconnect", 0, "", 0, HOST, -1)
     # The local request service on the manage port ends with the session.
-    assert wait_until(lambda: host.sockets() == 0, timeout=scaled(4))
+    eventually(lambda: host.sockets() == 0, scaled(4), "the local service to end")
     boot = sim.wait(platform="manage", kind="boot", since=last, timeout=10)
     assert boot["time"] - start >= scaled(5) - TICK
-    assert wait_until(lambda: host.statuses("manage").count("connected") >= 2)
+    eventually(lambda: host.statuses("manage").count("connected") >= 2, what="connected again")

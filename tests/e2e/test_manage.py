@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import pytest
 
-from conftest import HOST, MULTI, TICK, free_port, scaled, wait_until
+from conftest import HOST, MULTI, TICK, eventually, scaled
 
 
 def manage_args(sim, *extra: str) -> tuple[str, ...]:
@@ -48,7 +48,7 @@ def test_udp_heartbeat_timeouts_connect_anew(make_sim, make_host):
     assert all(h["json"]["FLAG"] == "1" and "IPAddr" in h["json"] for h in hbs)
     assert all(b["time"] - a["time"] >= scaled(21) - TICK for a, b in zip(hbs, hbs[1:]))
     sim.wait(platform="manage", kind="register", since=reg["seq"])
-    assert wait_until(lambda: len(host.statuses("manage")) >= 13)
+    eventually(lambda: len(host.statuses("manage")) >= 13, what="the reconnect's statuses")
     assert host.statuses("manage")[:13] == [
         "connecting", "registering", "connected",
         "heartbeating", "try_connect_failed", "heartbeating", "try_connect_failed",
@@ -70,8 +70,9 @@ def test_platform_verdicts_end_the_connect(make_sim, make_host, answer, ret, reg
     assert boots == (["udp", "tcp"] if "Boot" in answer else ["udp"])
     if "Boot" in answer:
         # The TCP connection of the refused fallback is not left open.
-        assert wait_until(lambda: any(r.get("note") == "closed by peer" for r in
-                                      sim.records(platform="manage", transport="tcp", direction="event")))
+        eventually(lambda: any(r.get("note") == "closed by peer" for r in
+                               sim.records(platform="manage", transport="tcp", direction="event")),
+                   what="the TCP Boot's connection to close")
         assert host.sockets() == 0
 
 
@@ -101,9 +102,11 @@ def test_plugin_server_in_register_reply_connects_the_plugin_platform(make_sim, 
 
 @pytest.mark.skipif(not MULTI, reason="needs the private hosts file of the network namespace")
 def test_result_minus5_moves_the_boot_to_another_address(make_sim, make_host):
-    port = free_port("127.0.0.3")
+    # One port at both addresses (nothing else listens in the namespace).
     script = {"platforms": {"manage": {"answers": {"Boot": [{"Result": -5}]}}}}
-    sims = [make_sim(script, ["--bind", a, f"--manage-port={port}"]) for a in ("127.0.0.2", "127.0.0.3")]
+    sims = [make_sim(script, ["--bind", "127.0.0.2", "--manage-port=0"])]
+    port = sims[0].ports["manage"]
+    sims.append(make_sim(script, ["--bind", "127.0.0.3", f"--manage-port={port}"]))
     host = make_host("--manage-addr", MULTI, "--manage-port", str(port), "--connect", "manage")
     host.wait_event(event="connect_return", plat=2, ret=1, timeout=15)
     boots = sorted((r["time"], i) for i, s in enumerate(sims) for r in s.records(kind="boot"))

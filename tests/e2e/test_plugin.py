@@ -6,7 +6,7 @@ import time
 
 import pytest
 
-from conftest import HOST, TICK, scaled, wait_until
+from conftest import HOST, TICK, eventually, scaled
 
 
 def start_plugin(make_sim, make_host, script=None):
@@ -34,8 +34,8 @@ def test_channel_carries_heartbeats_and_commands_and_survives_a_close(make_sim, 
 
     # The platform closes the channel (third heartbeat): the gateway
     # connects again 5 s later, on a new connection, without a leak.
-    closed = wait_until(lambda: closes(sim))
-    assert closed and closed[0]["note"] == "closed by simulator"
+    closed = eventually(lambda: closes(sim), what="the channel to close")
+    assert closed[0]["note"] == "closed by simulator"
     boot = sim.wait(platform="plugin", kind="boot", since=closed[0]["seq"], timeout=10)
     assert boot["time"] - closed[0]["time"] >= scaled(5) - TICK
     connected = [r for r in sim.records(platform="plugin", direction="event") if r["note"] == "connected"]
@@ -63,11 +63,11 @@ def test_disconnect_command(make_sim, make_host, text, ends):
 def test_host_disconnect_cancels_the_channel(make_sim, make_host):
     sim, host = start_plugin(make_sim, make_host)
     assert host.command("disconnect 3", "disconnect_return")["ret"] == 0
-    assert wait_until(lambda: closes(sim))[0]["note"] == "closed by peer"
+    assert eventually(lambda: closes(sim), what="the channel to close")[0]["note"] == "closed by peer"
     rec = host.record("plugin")
     assert (rec["status"], rec["regflag"], rec["socketfd"], rec["heartbeatip"], rec["interval"]) == \
         ("disconnect", 0, -1, "", 0)
-    assert wait_until(lambda: host.sockets() == 0)
+    eventually(lambda: host.sockets() == 0, what="no socket left")
     # The loop's thread (the host's connect thread) ended by cancellation,
     # and nothing reconnects the plugin platform.
     time.sleep(scaled(40))

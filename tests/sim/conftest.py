@@ -3,41 +3,27 @@ as a gateway would, with framing and digests written here independently."""
 
 from __future__ import annotations
 
+import base64
 import hashlib
 import json
-import select
 import socket
-import struct
-import subprocess
-import time
+import ssl
+import sys
 from pathlib import Path
 from typing import Any, Callable, Iterator
 
 import pytest
 
-SIM = Path(__file__).resolve().parents[2] / "sim" / "qdquick-sim"
+sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+from simproc import HOST, SIM, Sim, frame, recv_frame  # noqa: E402,F401
+
 SERIAL = "SN0001ABC"
 LOID = "LOID-77"
-HOST = "127.0.0.1"
+MAC = "001122334455"
 
 
 def md5u(text: str) -> str:
     return hashlib.md5(text.encode()).hexdigest().upper()
-
-
-def frame(obj: Any) -> bytes:
-    payload = (obj if isinstance(obj, str) else json.dumps(obj)).encode()
-    return len(payload).to_bytes(4, "big") + payload
-
-
-def recv_exact(sock: socket.socket, n: int) -> bytes:
-    data = b""
-    while len(data) < n:
-        chunk = sock.recv(n - len(data))
-        if not chunk:
-            raise ConnectionError(f"closed after {len(data)} of {n} bytes")
-        data += chunk
-    return data
 
 
 class TcpGateway:
@@ -47,19 +33,18 @@ class TcpGateway:
         self.sock = socket.create_connection((HOST, port), timeout=5)
 
     def send(self, obj: Any) -> None:
-        self.sock.sendall(frame(obj))
+        self.sock.sendall(frame(json.dumps(obj).encode()))
 
     def recv(self, timeout: float = 5) -> Any:
         self.sock.settimeout(timeout)
-        (length,) = struct.unpack(">I", recv_exact(self.sock, 4))
-        return json.loads(recv_exact(self.sock, length))
+        return json.loads(recv_frame(self.sock))
 
     def ask(self, obj: Any) -> Any:
         self.send(obj)
         return self.recv()
 
 
-class UdpGateway:
+class UdpGateway(TcpGateway):
     """The gateway's side over UDP, from a fixed source port like its localport."""
 
     def __init__(self, port: int) -> None:
@@ -76,53 +61,15 @@ class UdpGateway:
         assert source == self.server
         return json.loads(data)
 
-    def ask(self, obj: Any) -> Any:
-        self.send(obj)
-        return self.recv()
-
-
-class Sim:
-    def __init__(self, tmp: Path, script: dict[str, Any] | None, args: list[str]) -> None:
-        self.record_path = tmp / "records.jsonl"
-        cmd = [str(SIM), "--serial", SERIAL, "--loid", LOID, "--record", str(self.record_path),
-               "--control-port", "0"] + [f"--{n}-port=0" for n in ("cube", "manage", "plugin", "message")]
-        if script is not None:
-            (tmp / "script.json").write_text(json.dumps(script))
-            cmd += ["--script", str(tmp / "script.json")]
-        self.proc = subprocess.Popen(cmd + args, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        ready, _, _ = select.select([self.proc.stdout], [], [], 10)
-        line = self.proc.stdout.readline() if ready else ""
-        assert line.startswith("qdquick-sim ready "), f"no ready line: {line!r} {self.proc.stderr.read()}"
-        self.ports = {k: int(v.rsplit(":", 1)[1]) for k, v in (p.split("=") for p in line.split()[2:])}
-        self._control = socket.create_connection((HOST, self.ports["control"]), timeout=15)
-        self._lines = self._control.makefile("r")
-
-    def control(self, **request: Any) -> dict[str, Any]:
-        self._control.sendall((json.dumps(request) + "\n").encode())
-        return json.loads(self._lines.readline())
-
-    def wait(self, **filters: Any) -> dict[str, Any]:
-        reply = self.control(cmd="wait", timeout=5, **filters)
-        assert reply["ok"], reply
-        return reply["record"]
-
-    def file_records(self) -> list[dict[str, Any]]:
-        return [json.loads(line) for line in self.record_path.read_text().splitlines()]
-
-    def stop(self) -> int:
-        if self.proc.poll() is None:
-            self.proc.send_signal(15)
-        return self.proc.wait(10)
-
 
 @pytest.fixture
 def make_sim(tmp_path: Path) -> Iterator[Callable[..., Sim]]:
     sims: list[Sim] = []
 
     def start(script: dict[str, Any] | None = None, args: list[str] | None = None) -> Sim:
-        tmp = tmp_path / f"sim{len(sims)}"
-        tmp.mkdir()
-        sims.append(Sim(tmp, script, args or []))
+        ports = [f"--{n}-port=0" for n in ("cube", "manage", "plugin", "message")]
+        sims.append(Sim(tmp_path / f"sim{len(sims)}", ["--serial", SERIAL, "--loid", LOID, *ports, *(args or [])],
+                        script))
         return sims[-1]
     yield start
     for sim in sims:
@@ -136,10 +83,28 @@ def boot_register(gw: TcpGateway | UdpGateway, boot: str, register: str, serial:
     return booted, gw.ask({"RPCMethod": register, "CheckSN": checksn, **extra})
 
 
-def wait_until(cond: Callable[[], bool], timeout: float = 5) -> bool:
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        if cond():
-            return True
-        time.sleep(0.02)
-    return False
+def exchange(sim: Sim, ca: str | None, request: bytes) -> tuple[int, dict[str, Any] | str]:
+    """Sends the request bytes to the app store as they stand and reads the
+    answer to the close."""
+    ctx = ssl.create_default_context(cafile=ca)
+    with socket.create_connection((HOST, sim.ports["appstore"]), timeout=5) as raw:
+        with ctx.wrap_socket(raw, server_hostname=HOST) as tls:
+            tls.sendall(request)
+            data = b""
+            while chunk := tls.recv(4096):
+                data += chunk
+    head, _, body = data.partition(b"\r\n\r\n")
+    status = int(head.split(b" ")[1])
+    try:
+        return status, json.loads(body)
+    except ValueError:
+        return status, body.decode()
+
+
+def token_request(credential: str = f"5280416 {LOID}", password: str = SERIAL,
+                  query: str = "response_type=MAC", body: str | None = None) -> bytes:
+    """Line ends as the gateway writes them: bare LF, CR LF CR LF at the end."""
+    body = body if body is not None else json.dumps({"username": MAC, "password": password}, indent="\t")
+    basic = base64.b64encode(credential.encode()).decode()
+    return (f"POST /oauth2.0/authorize?{query} HTTP/1.1\nHost: {HOST}\nAuthorization: Basic {basic}\n"
+            f"Content-Length: {len(body)}\nContent-Type: application/json\r\n\r\n{body}").encode()

@@ -1,8 +1,10 @@
-"""Scripted answers, scripted and controlled commands, and shutdown."""
+"""Scripted answers, controlled commands, and shutdown. (A scripted push:
+test_gateway.py; "close" and scripted verdicts: the end-to-end tests.)"""
 
 from __future__ import annotations
 
 import json
+import signal
 import socket
 import subprocess
 import threading
@@ -44,27 +46,6 @@ def test_scripted_sequence_then_defaults(make_sim):
     assert actions == ["silence", "answer", "answer", "answer", "answer", "answer"]
 
 
-def test_scripted_answer_overrides_checksn_and_close_drops_channel(make_sim):
-    sim = make_sim({"platforms": {"plugin": {"answers": {"Register": [{"Result": -5}, "close"]}}}})
-    gw = TcpGateway(sim.ports["plugin"])
-    _, reply = boot_register(gw, "Boot", "Register")
-    assert reply["Result"] == -5 and sim.wait(kind="register")["checksn_ok"] is True
-    gw.send({"RPCMethod": "Register", "CheckSN": "x"})
-    assert gw.sock.recv(10) == b""
-
-
-def test_scripted_push_after_registration_and_recorded_reply(make_sim):
-    command = {"RPCMethod": "ListPlugin", "ID": "42"}
-    sim = make_sim({"platforms": {"plugin": {"push": [{"delay": 0.2, "message": command}]}}})
-    gw = TcpGateway(sim.ports["plugin"])
-    boot_register(gw, "Boot", "Register", serial="WRONG")      # refused: no push yet
-    boot_register(gw, "Boot", "Register")
-    assert gw.recv() == command
-    gw.send({"ID": "42", "Result": 0, "Plugin": []})
-    reply = sim.wait(platform="plugin", kind="reply")
-    assert reply["json"] == {"ID": "42", "Result": 0, "Plugin": []} and reply["transport"] == "tcp"
-
-
 def test_control_push_udp_send_and_script_replace(make_sim):
     sim = make_sim()
     assert sim.control(cmd="push", platform="plugin", message={})["ok"] is False  # no channel yet
@@ -95,14 +76,14 @@ def test_control_push_udp_send_and_script_replace(make_sim):
     assert records == sim.file_records()
 
 
-@pytest.mark.parametrize("how", ["sigterm", "sigint", "quit"])
+@pytest.mark.parametrize("how", [signal.SIGTERM, signal.SIGINT, "quit"])
 def test_stops_cleanly(make_sim, how):
     sim = make_sim()
     if how == "quit":
         assert sim.control(cmd="quit")["ok"]
+        assert sim.popen.wait(10) == 0
     else:
-        sim.proc.send_signal({"sigterm": 15, "sigint": 2}[how])
-    assert sim.proc.wait(10) == 0
+        assert sim.stop(how) == 0
 
 
 def test_bad_script_file_is_refused(make_sim, tmp_path):

@@ -59,13 +59,13 @@ def test_frame_split_across_segments_and_stream_stays_in_step(make_sim):
     sim = make_sim()
     gw = TcpGateway(sim.ports["plugin"])
     gw.sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-    data = frame({"RPCMethod": "Boot", "MAC": "00:11:22:33:44:55"})
+    data = frame(b'{"RPCMethod": "Boot", "MAC": "00:11:22:33:44:55"}')
     for piece in (data[:1], data[1:4], data[4:9], data[9:20], data[20:]):
         gw.sock.sendall(piece)
         time.sleep(0.05)
     assert gw.recv()["Result"] == 0
     # Two frames in one segment are two messages.
-    gw.sock.sendall(frame({"RPCMethod": "Heartbeat"}) * 2)
+    gw.sock.sendall(frame(b'{"RPCMethod": "Heartbeat"}') * 2)
     assert gw.recv() == gw.recv() == {"Result": 0, "Interval": 60}
 
 
