@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 #include <memory>
+#include <mutex>
 #include <new>
 
 #include "common/log.h"
@@ -30,9 +31,48 @@ constexpr const char *kNames[kWorkKinds] = {"event", "channel", "timer expiry", 
 constexpr const char *kThreadNames[kWorkKinds] = {"qdq-event", "qdq-channel", "qdq-expiry", "qdq-push",
                                                   "qdq-command"};
 
+constexpr int sum_of_caps() {
+    int total = 0;
+    for (int cap : kCaps) total += cap;
+    return total;
+}
+constexpr int kAllCaps = sum_of_caps();
+
 std::atomic<int> g_live[kWorkKinds];
 
 int index_of(Work kind) { return static_cast<int>(kind); }
+
+// Workers are joinable, and a place comes back only once its thread has
+// been joined: a finished worker that the scheduler has not let exit yet
+// still exists (its stack too), so freeing the place when the work returns
+// would let a loaded gateway hold more threads than the cap. A finished
+// worker queues itself here; the next start or count joins it (it has
+// nothing left to do but exit, so the join is brief).
+struct Finished {
+    pthread_t tid;
+    Work kind;
+};
+std::mutex g_finished_mutex;
+Finished g_finished[kAllCaps];  // never more than the places taken
+int g_finished_count = 0;
+
+void reap_finished() {
+    // pthread_join is a cancellation point: a cancelled caller must not
+    // leave popped workers unjoined and their places lost.
+    NoCancel no_cancel;
+    Finished batch[kAllCaps];
+    int n = 0;
+    {
+        std::lock_guard<std::mutex> lock(g_finished_mutex);
+        n = g_finished_count;
+        for (int k = 0; k < n; k++) batch[k] = g_finished[k];
+        g_finished_count = 0;
+    }
+    for (int k = 0; k < n; k++) {
+        pthread_join(batch[k].tid, nullptr);
+        g_live[index_of(batch[k].kind)].fetch_sub(1);
+    }
+}
 
 struct Worker {
     Work kind;
@@ -40,11 +80,15 @@ struct Worker {
     void *arg;
 };
 
-// Gives the worker's place back however the thread ends: by returning or
-// by a cancellation, whose unwinding runs this destructor.
+// Queues the worker for its join however the thread ends: by returning or
+// by a cancellation, whose unwinding runs this destructor (a mutex lock is
+// no cancellation point, and the queue never allocates).
 struct Place {
     Work kind;
-    ~Place() { g_live[index_of(kind)].fetch_sub(1); }
+    ~Place() {
+        std::lock_guard<std::mutex> lock(g_finished_mutex);
+        g_finished[g_finished_count++] = Finished{pthread_self(), kind};
+    }
 };
 
 void *worker_entry(void *raw) {
@@ -103,9 +147,13 @@ int start_thread(pthread_t *tid, void *(*fn)(void *), void *arg, bool detached, 
 
 int worker_cap(Work kind) { return kCaps[index_of(kind)]; }
 
-int live_workers(Work kind) { return g_live[index_of(kind)].load(); }
+int live_workers(Work kind) {
+    reap_finished();
+    return g_live[index_of(kind)].load();
+}
 
 int live_workers_total() {
+    reap_finished();
     int total = 0;
     for (const auto &n : g_live) total += n.load();
     return total;
@@ -113,6 +161,7 @@ int live_workers_total() {
 
 int start_worker(Work kind, void *(*fn)(void *), void *arg) {
     const int i = index_of(kind);
+    reap_finished();
     // The place is taken before the thread exists, and only while one is
     // free: concurrent starters never overshoot the cap, not even for a
     // moment (the count is what live_workers reports).
@@ -124,7 +173,7 @@ int start_worker(Work kind, void *(*fn)(void *), void *arg) {
         }
     } while (!g_live[i].compare_exchange_weak(live, live + 1));
     auto *w = new (std::nothrow) Worker{kind, fn, arg};
-    int rc = w != nullptr ? start_thread(nullptr, worker_entry, w, true) : ENOMEM;
+    int rc = w != nullptr ? start_thread(nullptr, worker_entry, w, false) : ENOMEM;
     if (rc != 0) {
         delete w;
         g_live[i].fetch_sub(1);

@@ -20,7 +20,7 @@ std::size_t thread_stack_size();
 // value; on failure fn never runs.
 int start_thread(pthread_t *tid, void *(*fn)(void *), void *arg, bool detached, const char *name = nullptr);
 
-// Detached workers started per message or event. A flood of events, channel
+// Workers started per message or event. A flood of events, channel
 // messages or expiring timers must not be able to start threads without
 // limit (each takes a stack, and a silent peer can hold one for tens of
 // seconds), so each kind has a cap on its live threads; beyond it
@@ -33,11 +33,12 @@ inline constexpr int kWorkKinds = 5;
 
 // Live-thread cap of each kind (see docs/hardening.md).
 int worker_cap(Work kind);
-// Workers of `kind` running now (exact once they have returned).
+// Workers of `kind` that exist now: running, or finished and about to be
+// joined (a place is free again only once its thread is gone).
 int live_workers(Work kind);
 int live_workers_total();
 
-// Starts fn(arg) detached as a worker of `kind`. Returns 0, EAGAIN at the
+// Starts fn(arg) as a worker of `kind` (joined by the library itself). Returns 0, EAGAIN at the
 // cap, or another errno value; on any failure fn never runs and arg stays
 // the caller's.
 int start_worker(Work kind, void *(*fn)(void *), void *arg);
