@@ -6,11 +6,11 @@ import time
 
 import pytest
 
-from conftest import HOST, TICK, eventually, scaled
+from conftest import HOST, IN_NETNS, TICK, eventually, scaled
 
 
-def start_plugin(make_sim, make_host, script=None):
-    sim = make_sim(script)
+def start_plugin(make_sim, make_host, script=None, args=None):
+    sim = make_sim(script, args)
     host = make_host("--plugin-addr", HOST, "--plugin-port", str(sim.ports["plugin"]), "--connect", "plugin")
     host.wait_event(event="status", plat=3, status="wait_heatbeat")
     return sim, host
@@ -29,8 +29,10 @@ def test_channel_carries_heartbeats_and_commands_and_survives_a_close(make_sim, 
     assert host.statuses("plugin")[:5] == ["connecting", "registering", "connected", "heartbeating", "wait_heatbeat"]
     sockets = host.sockets()
 
-    # A command from the platform is answered on the channel.
-    assert "Result" in sim.push("plugin", message={"RPCMethod": "ListPlugin", "ID": "1"})["json"]
+    # A command from the platform is answered on the channel: no plugin is
+    # installed, and the keys no handler takes are echoed.
+    assert sim.push("plugin", message={"RPCMethod": "ListPlugin", "ID": "1"})["json"] == \
+        {"ID": "1", "Result": 0, "Plugin": []}
 
     # The platform closes the channel (third heartbeat): the gateway
     # connects again 5 s later, on a new connection, without a leak.
@@ -73,3 +75,19 @@ def test_host_disconnect_cancels_the_channel(make_sim, make_host):
     time.sleep(scaled(40))
     assert len(sim.records(kind="boot")) == 1
     assert not any(e.get("event") == "connect_return" for e in host.events)
+
+
+@pytest.mark.skipif(not IN_NETNS, reason="the job manager's port 17401 is free only in the private namespace")
+def test_job_manager_answer_goes_back_unchanged_and_its_silence_is_minus_100(make_sim, make_host):
+    # The job manager takes a (scaled) second to answer the first order and
+    # never answers the second.
+    script = {"jobmanager": {"answers": [{"delay": 1, "Status": "applied"}, "silence"]}}
+    sim, _ = start_plugin(make_sim, make_host, script, ["--jobmanager-port", "17401"])
+    order = {"RPCMethod": "SetPlug-inParameterValues", "ID": "5", "Plugin_Name": "p", "Version": "1", "Parameter": "x"}
+    reply = sim.push("plugin", message=order)
+    answered = eventually(lambda: sim.records(platform="jobmanager", direction="out"), what="the answer's record")
+    assert [r["json"] for r in sim.records(platform="jobmanager", direction="in")] == [order]
+    assert reply["text"] == answered[0]["text"] and reply["json"] == {"ID": "5", "Status": "applied", "Result": 0}
+    # Silent for the whole (scaled) 30 s wait: the gateway's own answer.
+    reply = sim.push("plugin", by_id=False, message=dict(order, ID="6"))
+    assert reply["json"] == {"Result": -100} and len(sim.records(platform="jobmanager", direction="in")) == 2

@@ -91,3 +91,18 @@ def test_bad_script_file_is_refused(make_sim, tmp_path):
     path.write_text(json.dumps({"platforms": {"cube": {"answers": {"Boot": [{"delay": -1}]}}}}))
     done = subprocess.run([str(SIM), "--script", str(path)], capture_output=True, text=True, timeout=10)
     assert done.returncode == 2 and "delay" in done.stderr
+
+
+def test_job_manager_answers_slowly_keeps_silent_then_answers_by_default(make_sim):
+    script = {"jobmanager": {"answers": [{"Status": "ok"}, {"delay": 0.4}, "silence"]}}
+    sim = make_sim(script, ["--jobmanager-port", "0"])
+    jm = UdpGateway(sim.ports["jobmanager"])
+    order = {"RPCMethod": "SetPlug-inParameterValues", "ID": "3", "Plugin_Name": "p", "Version": "1",
+             "Parameter": "e30="}
+    assert jm.ask(order) == {"ID": "3", "Status": "ok", "Result": 0}
+    start = time.monotonic()
+    assert jm.ask(order) == {"ID": "3", "Result": 0} and time.monotonic() - start >= 0.35
+    jm.send(order)
+    with pytest.raises(socket.timeout):
+        jm.recv(timeout=0.5)
+    assert jm.ask(order) == {"ID": "3", "Result": 0}  # list used up: default
