@@ -84,6 +84,9 @@ class ControlServer:
     def _send(self, request: dict[str, Any], use_udp: bool) -> Reply:
         server = self._platform(request)
         text = self._outgoing_text(request)
+        # The send is recorded after it went out, so a quick reply may be
+        # recorded before it: the reply is looked for from here.
+        before = self._ctx.recorder.last_seq()
         record = server.udp_send(text) if use_udp else server.push(text)
         if record is None:
             what = "no datagram seen from the gateway yet" if use_udp else "no open TCP channel"
@@ -94,7 +97,7 @@ class ControlServer:
             found = self._ctx.recorder.wait_for(
                 lambda r: r["platform"] == server.name and r["transport"] == transport
                 and r["direction"] == "in" and r.get("kind") not in _SESSION_KINDS,
-                record["seq"], _timeout(request, "wait"))
+                before, _timeout(request, "wait"))
             reply["reply"] = found
             reply["ok"] = found is not None
             if found is None:
