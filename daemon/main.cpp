@@ -212,6 +212,9 @@ int main(int argc, char **argv) {
     qdd::say("%s received: disconnecting the platforms", signal_name(signo));
     const bool all_ended = qdd::sessions_stop(kStopWaitSeconds);
     if (!all_ended) qdd::note("some connect threads were still busy; leaving them");
+    // The disconnects' own status changes are queued behind the loop that
+    // just ended: without them the file would go on showing heartbeats.
+    for (const qdd::Event &e : qdd::take_events()) handle(config, e);
     qdd::plugins_stop_all();
     qdd::status_stopped();
     qdd::say("stopped");

@@ -3,8 +3,9 @@
 #include <atomic>
 #include <cerrno>
 #include <memory>
-#include <mutex>
 #include <new>
+
+#include <sched.h>
 
 #include "common/log.h"
 
@@ -48,29 +49,43 @@ int index_of(Work kind) { return static_cast<int>(kind); }
 // would let a loaded gateway hold more threads than the cap. A finished
 // worker queues itself here; the next start or count joins it (it has
 // nothing left to do but exit, so the join is brief).
+// The queue is guarded by a spin lock on an atomic flag, held for a few
+// stores at most. Its fields are atomics too: ThreadSanitizer does not
+// follow synchronisation inside a thread it is cancelling, and a cancelled
+// worker queues itself while unwinding.
 struct Finished {
-    pthread_t tid;
-    Work kind;
+    std::atomic<pthread_t> tid;
+    std::atomic<int> kind;
 };
-std::mutex g_finished_mutex;
 Finished g_finished[kAllCaps];  // never more than the places taken
-int g_finished_count = 0;
+std::atomic<int> g_finished_count{0};
+std::atomic_flag g_finished_lock = ATOMIC_FLAG_INIT;
+struct QueueLock {
+    QueueLock() {
+        while (g_finished_lock.test_and_set(std::memory_order_acquire)) sched_yield();
+    }
+    ~QueueLock() { g_finished_lock.clear(std::memory_order_release); }
+};
 
 void reap_finished() {
     // pthread_join is a cancellation point: a cancelled caller must not
     // leave popped workers unjoined and their places lost.
     NoCancel no_cancel;
-    Finished batch[kAllCaps];
+    pthread_t tids[kAllCaps];
+    int kinds[kAllCaps];
     int n = 0;
     {
-        std::lock_guard<std::mutex> lock(g_finished_mutex);
-        n = g_finished_count;
-        for (int k = 0; k < n; k++) batch[k] = g_finished[k];
-        g_finished_count = 0;
+        QueueLock lock;
+        n = g_finished_count.load(std::memory_order_relaxed);
+        for (int k = 0; k < n; k++) {
+            tids[k] = g_finished[k].tid.load(std::memory_order_relaxed);
+            kinds[k] = g_finished[k].kind.load(std::memory_order_relaxed);
+        }
+        g_finished_count.store(0, std::memory_order_relaxed);
     }
     for (int k = 0; k < n; k++) {
-        pthread_join(batch[k].tid, nullptr);
-        g_live[index_of(batch[k].kind)].fetch_sub(1);
+        pthread_join(tids[k], nullptr);
+        g_live[kinds[k]].fetch_sub(1);
     }
 }
 
@@ -81,13 +96,16 @@ struct Worker {
 };
 
 // Queues the worker for its join however the thread ends: by returning or
-// by a cancellation, whose unwinding runs this destructor (a mutex lock is
-// no cancellation point, and the queue never allocates).
+// by a cancellation, whose unwinding runs this destructor (the queue never
+// allocates).
 struct Place {
     Work kind;
     ~Place() {
-        std::lock_guard<std::mutex> lock(g_finished_mutex);
-        g_finished[g_finished_count++] = Finished{pthread_self(), kind};
+        QueueLock lock;
+        const int k = g_finished_count.load(std::memory_order_relaxed);
+        g_finished[k].tid.store(pthread_self(), std::memory_order_relaxed);
+        g_finished[k].kind.store(index_of(kind), std::memory_order_relaxed);
+        g_finished_count.store(k + 1, std::memory_order_relaxed);
     }
 };
 
@@ -144,6 +162,8 @@ int start_thread(pthread_t *tid, void *(*fn)(void *), void *arg, bool detached, 
     pthread_attr_destroy(&attr);
     return rc;
 }
+
+void reap_workers() { reap_finished(); }
 
 int worker_cap(Work kind) { return kCaps[index_of(kind)]; }
 

@@ -38,6 +38,11 @@ int worker_cap(Work kind);
 int live_workers(Work kind);
 int live_workers_total();
 
+// Joins the workers that have finished, giving their places (and stacks)
+// back. Starts and counts do it; the timer tick does it every second so
+// that a quiet gateway does not keep finished workers' stacks.
+void reap_workers();
+
 // Starts fn(arg) as a worker of `kind` (joined by the library itself). Returns 0, EAGAIN at the
 // cap, or another errno value; on any failure fn never runs and arg stays
 // the caller's.

@@ -16,6 +16,7 @@
 
 #include "common/clock.h"
 #include "common/log.h"
+#include "common/thread.h"
 #include "common/timer.h"
 #include "qdquick/qdplatform.h"
 
@@ -142,4 +143,5 @@ extern "C" QDQ_API void AppProcessTimerTimeout(int signo) {
     count_down();
     // The host's own timers share this tick.
     gwd_process_timer_timeout();
+    qdq::reap_workers();
 }

@@ -11,6 +11,7 @@ import json
 import os
 import signal
 import socket
+import subprocess
 import sys
 import time
 from pathlib import Path
@@ -24,6 +25,7 @@ from simproc import HOST, Child, Sim, eventually, frame, recv_exact, recv_frame 
 REPO = Path(__file__).resolve().parents[2]
 DAEMON = os.environ.get("QDQUICKD", str(REPO / "build" / "daemon" / "qdquickd"))
 PACKAGES = os.environ.get("QDQ_PACKAGES", str(REPO / "build" / "examples" / "sample-plugin" / "packages"))
+CLI = os.environ.get("QDQ_CLI", str(REPO / "build" / "tools" / "cli" / "qdquick-cli"))
 SCALE = "0.05"
 SERIAL = "SN0042TEST"
 BUNDLE = "com.qdquick.example.sample"
@@ -40,6 +42,13 @@ def local_udp(request: dict | bytes, port: int = 18401, timeout: float = 10) -> 
         s.settimeout(timeout)
         s.sendto(request if isinstance(request, bytes) else json.dumps(request).encode(), (HOST, port))
         return s.recv(65535)
+
+
+def cli(*args: str) -> dict:
+    """What qdquick-cli printed, as JSON; it must have exited 0."""
+    done = subprocess.run([CLI, *args], capture_output=True, text=True, timeout=30)
+    assert done.returncode == 0, f"qdquick-cli {' '.join(args)}: exit {done.returncode}, {done.stderr}"
+    return json.loads(done.stdout)
 
 
 def quick_install(request: dict) -> dict:

@@ -30,6 +30,23 @@ def test_platform_killed_mid_session_and_restarted(gateway):
     assert g.daemon.stop() == 0
 
 
+def test_cube_platform_refusing_the_first_connect(gateway):
+    g = gateway
+    g.start_sim("--no-install")
+    # Both Boots of the first connect (UDP, then TCP) refused.
+    assert g.sim.control(cmd="script", script={"platforms": {
+        "manage": MANAGE, "cube": {"answers": {"BootFirst": [{"Result": -3}] * 2}}}})["ok"]
+    g.start_daemon()
+    failed = g.daemon.wait_line(r"cube platform: connect_failed \(-3\)")
+    # The retry timer comes back to the daemon, which connects again and
+    # then brings back the manage session that this connect clears.
+    registered = g.wait_for("cube", "register")
+    assert g.daemon.wait_line(r"cube platform: connected \(").start() > failed.start()
+    g.wait_for("manage", "heartbeat", registered)
+    assert local_tcp({"RPCMethod": "ListPlugin", "ID": "after"})["Result"] == 0
+    assert g.daemon.stop() == 0
+
+
 def test_platform_that_takes_the_connection_and_never_answers(gateway):
     g = gateway
     base = up(g)

@@ -1,15 +1,19 @@
 """qdquickd with the whole-gateway simulator: sessions with all three
 platforms, the pushed install ending with the sample plugin running, local
 commands on every local port, platform-ordered stop and run, and a clean
-SIGTERM. (A simulator restart: test_daemon_faults.py.)"""
+SIGTERM or SIGINT. (A simulator restart: test_daemon_faults.py.)"""
 
 from __future__ import annotations
 
 import base64
+import calendar
 import json
+import signal
 import time
 
-from conftest import BUNDLE, SERIAL, eventually, find_process, local_tcp, local_udp, quick_install, up
+import pytest
+
+from conftest import BUNDLE, SERIAL, cli, eventually, find_process, local_udp, quick_install, up
 
 
 def ability(cmd_type: str) -> tuple[dict, dict]:
@@ -19,24 +23,37 @@ def ability(cmd_type: str) -> tuple[dict, dict]:
     return reply, json.loads(base64.b64decode(reply["return_Parameter"]))
 
 
-def test_whole_gateway_session_install_local_commands_and_shutdown(gateway):
+def printed_status(g) -> dict:
+    """The daemon's status file as `qdquick-cli status` prints it, each
+    platform's "changed" as Unix seconds."""
+    status = cli("status", "--status-file", str(g.root / "var" / "qdquickd" / "status.json"))
+    for p in status["platforms"].values():
+        p["changed"] = calendar.timegm(time.strptime(p["changed"], "%Y-%m-%dT%H:%M:%SZ"))
+    return status
+
+
+@pytest.mark.parametrize("stop", [signal.SIGTERM, signal.SIGINT], ids=["SIGTERM", "SIGINT"])
+def test_whole_gateway_session_install_local_commands_and_shutdown(gateway, stop):
     g = gateway
+    began = int(time.time())
     up(g)  # manage heartbeats go by UDP; their answers come back on the local port
     assert find_process("sampleplugin")
     # The Install was answered at once on the plugin channel.
     reply = g.sim.wait(10, platform="plugin", kind="reply")
     assert reply["json"]["ID"] == "install-1" and reply["json"]["Result"] == 0
 
-    status = eventually(lambda: (s := g.status()) and s["platforms"]["plugin"]["status"] in
+    status = eventually(lambda: (s := printed_status(g))["platforms"]["plugin"]["status"] in
                         ("heartbeating", "wait_heatbeat") and s, 10, "plugin heartbeats in the status file")
     assert status["platforms"]["manage"]["address"] == "127.0.0.1:60001"
     assert status["platforms"]["cube"]["status"] == "connected"
+    assert all(began <= p["changed"] <= time.time() for p in status["platforms"].values())
     assert status["plugins"][0]["Plugin_Name"] == BUNDLE
 
-    # The same plugin list from the local TCP and UDP ports.
-    for answer in (local_tcp({"RPCMethod": "ListPlugin", "ID": "t1"}),
-                   json.loads(local_udp({"RPCMethod": "ListPlugin", "ID": "u1"}))):
-        assert answer["Result"] == 0 and answer["ID"] in ("t1", "u1")
+    # The same plugin list from the local UDP and TCP ports, asked as a
+    # person would.
+    for transport in ("--udp", "--tcp"):
+        answer = cli(transport, json.dumps({"RPCMethod": "ListPlugin", "ID": transport}))
+        assert answer["Result"] == 0 and answer["ID"] == transport
         assert {p["Plugin_Name"]: p["Status"] for p in answer["Plugin"]}[BUNDLE] == "Active"
 
     # Ability commands and the quick-install port (Base64 both ways) answer
@@ -57,10 +74,13 @@ def test_whole_gateway_session_install_local_commands_and_shutdown(gateway):
         assert r["reply"]["json"] == {"ID": method, "Result": 0}
         eventually(lambda: bool(find_process("sampleplugin")) == running, 10, f"plugin after {method}")
 
-    # SIGTERM: disconnect, stop the plugin, exit 0 promptly.
-    started = time.monotonic()
-    assert g.daemon.stop() == 0
+    # SIGTERM or SIGINT: disconnect, stop the plugin, exit 0 promptly.
+    started, stopped_at = time.monotonic(), int(time.time())
+    assert g.daemon.stop(stop) == 0
     assert time.monotonic() - started < 6
     assert not find_process("sampleplugin")
-    assert g.status()["state"] == "stopped"
-    assert "disconnecting the platforms" in g.daemon.text()
+    assert f"{stop.name} received: disconnecting the platforms" in g.daemon.text()
+    final = printed_status(g)
+    assert final["state"] == "stopped"
+    assert {name: (p["status"], p["changed"] >= stopped_at) for name, p in final["platforms"].items()} == \
+        dict.fromkeys(("cube", "manage", "plugin"), ("disconnect", True))

@@ -25,10 +25,13 @@ def send_push(sim, push) -> dict:
     return reply
 
 
-# Every other signed field altered: tests/unit/test_sim_exchange.cpp, with
-# the library's own push.
+# Each signed field's part in the digest (the library's own push is checked
+# against this in tests/unit/test_session_msg.cpp).
 @pytest.mark.parametrize("field,value", [
     (None, None),                            # as signed
+    ("time", "20240305070810"),
+    ("Message", base64.b64encode(b"wan down").decode()),
+    ("mac", "00:11:22:33:44:56"),
     ("MD5", signed_push()["MD5"].lower()),   # the digest text is upper case only
     ("RPCMethod", "Push"),
 ])
