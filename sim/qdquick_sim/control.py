@@ -1,6 +1,6 @@
 """Control port for tests: one JSON object per line in, one JSON line out.
 
-Commands: push, udp_send, records, wait, script, status, quit (see README).
+Commands: push, udp_send, close, records, wait, script, status, quit (see README).
 """
 
 from __future__ import annotations
@@ -30,7 +30,7 @@ class ControlServer:
         self._sock = sock
         self._platforms = platforms
         self._handlers: dict[str, Callable[[dict[str, Any]], Reply]] = {
-            "push": self._push, "udp_send": self._udp_send, "records": self._records,
+            "push": self._push, "udp_send": self._udp_send, "close": self._close, "records": self._records,
             "wait": self._wait, "script": self._script, "status": self._status, "quit": self._quit,
         }
 
@@ -109,6 +109,9 @@ class ControlServer:
 
     def _udp_send(self, request: dict[str, Any]) -> Reply:
         return self._send(request, use_udp=True)
+
+    def _close(self, request: dict[str, Any]) -> Reply:
+        return {"ok": True, "closed": self._platform(request).close_channels()}
 
     def _records(self, request: dict[str, Any]) -> Reply:
         since = request.get("since", 0)

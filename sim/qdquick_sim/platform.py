@@ -124,6 +124,14 @@ class PlatformServer:
             return None
         return self._send_udp(peer, text, note=note)
 
+    def close_channels(self) -> int:
+        """Closes every open TCP channel, as a platform that dies would."""
+        with self._lock:
+            channels = [c for c in self._channels if not c.closed]
+        for channel in channels:
+            channel.close()
+        return len(channels)
+
     def status(self) -> dict[str, Any]:
         with self._lock:
             return {"channels": [{"peer": c.peer, "registered": c.registered}

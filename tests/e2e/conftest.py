@@ -42,6 +42,7 @@ class Host:
     """qdq-testhost: every line it prints is a JSON event, kept in order."""
 
     def __init__(self, root: Path, args: list[str], env: dict[str, str], scale: float) -> None:
+        self.root = root
         for d in ("var", "etc/config/system", "qdconf", "tmp"):
             (root / d).mkdir(parents=True, exist_ok=True)
         full_env = dict(os.environ, QDQUICK_ROOT=str(root), QDQUICK_TIME_SCALE=str(scale * SLOW),
@@ -63,11 +64,12 @@ class Host:
                                         if all(ev.get(k) == v for k, v in match.items())), None),
                           timeout, lambda: f"event {match}; got {self.events[since:]}")
 
-    def command(self, line: str, reply_event: str) -> dict[str, Any]:
+    def command(self, line: str, reply_event: str | None = None) -> dict[str, Any] | None:
+        """Sends a command line and waits for its reply event, if it has one."""
         since = len(self.events)
         self.proc.stdin.write(line + "\n")
         self.proc.stdin.flush()
-        return self.wait_event(since=since, event=reply_event)
+        return self.wait_event(since=since, event=reply_event) if reply_event else None
 
     def record(self, plat: str) -> dict[str, Any]:
         return self.command(f"record {PLAT[plat]}", "record")

@@ -42,6 +42,20 @@ def test_cube_falls_back_to_tcp_after_unusable_boots(make_sim, make_host):
     assert again["time"] - first["time"] >= scaled(180, scale) - TICK
 
 
+def test_cube_registered_over_tcp_leaves_its_reconnect_to_the_host(make_sim, make_host):
+    scale = 0.005  # the reconnect comes 1800 s later
+    sim = make_sim({"platforms": {"cube": {"answers": {"BootFirst": [{"Result": -4}, {"Result": 1}]}}}}, scale=scale)
+    host = make_host("--cube-addr", HOST, "--cube-port", str(sim.ports["cube"]), "--connect", "cube", scale=scale)
+    done = host.wait_event(event="connect_return", plat=1, ret=1)
+    assert [b["transport"] for b in sim.records(platform="cube", kind="boot")] == ["udp", "tcp"]
+    # Registered by the TCP Boot's Result: the connection is not kept.
+    assert host.sockets() == 0 and host.record("cube")["socketfd"] == -1
+    eventually(lambda: sim.records(platform="cube", direction="event", note="closed by peer"),
+               what="the cube connection to close")
+    timer = host.wait_event(event="timer", id=8, timeout=scaled(1800, scale) + 10)
+    assert timer["t"] - done["t"] >= scaled(1800, scale) - TICK and timer["period"] == 1800
+
+
 def test_manage_disconnect_reconnects_after_5s(make_sim, make_host):
     sim = make_sim()
     host = make_host("--manage-addr", HOST, "--manage-port", str(sim.ports["manage"]), "--connect", "manage")

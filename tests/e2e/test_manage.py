@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import pytest
 
-from conftest import HOST, MULTI, TICK, eventually, scaled
+from conftest import HOST, IN_NETNS, MULTI, TICK, eventually, scaled
 
 
 def manage_args(sim, *extra: str) -> tuple[str, ...]:
@@ -34,6 +34,13 @@ def test_udp_heartbeat_replies_reach_the_local_service(make_sim, make_host):
     # local port, and die with it.
     script = {"platforms": {"manage": {"interval": 10, "answers": {"Hb": [{"delay": 1}] * 3}}}}
     _, host, _, hbs = connect_manage_udp(make_sim, make_host, script)
+    # Each answered heartbeat writes the time of day for outside watchers:
+    # two answers already, the third one rewrites it.
+    beat = host.root / "var/manage_heart_beat_time_file"
+    stamp = lambda: (beat.stat().st_mtime_ns, int(beat.read_text() or 0))  # noqa: E731
+    first = eventually(lambda: stamp()[1] and stamp(), what="the heartbeat time file")
+    later = eventually(lambda: stamp()[0] > first[0] and stamp()[1] and stamp(), what="the file to be rewritten")
+    assert first[1] <= later[1] and abs(later[1] - later[0] / 1e9) < 5  # the time of the write
     # The first heartbeat announces the address; once answered, no more.
     assert [(h["json"]["FLAG"], "IPAddr" in h["json"]) for h in hbs] == [("1", True), ("0", False), ("0", False)]
     assert all(b["time"] - a["time"] >= scaled(10) - TICK for a, b in zip(hbs, hbs[1:]))
@@ -55,25 +62,31 @@ def test_udp_heartbeat_timeouts_connect_anew(make_sim, make_host):
         "heartbeating", "try_connect_failed", "disconnect", "connecting", "registering", "connected"]
 
 
-@pytest.mark.parametrize("answer, ret, registers", [
-    ({"Register": [{"Result": -2}]}, -2, 1),             # boot again: returned at once
-    ({"Register": [{"Result": 0}]}, 0, 1),               # registered, but no session
-    ({"Boot": [{"Result": -4}]}, -1, 0),                 # UDP refused: TCP Boot, which stops
+@pytest.mark.parametrize("answer, ret, registers, boots", [
+    ({"Register": [{"Result": -2}]}, -2, 1, ["udp"]),      # boot again: returned at once
+    ({"Register": [{"Result": 0}]}, 0, 1, ["udp"]),        # registered, but no session
+    ({"Boot": [{"Result": -4}]}, -1, 0, ["udp", "tcp"]),   # UDP refused: TCP Boot, which stops
+    ({"Boot": ["silence"]}, 101, 0, ["udp"]),              # no reply is no connection: no TCP either
 ])
-def test_platform_verdicts_end_the_connect(make_sim, make_host, answer, ret, registers):
+def test_platform_verdicts_end_the_connect(make_sim, make_host, answer, ret, registers, boots):
     sim = make_sim({"platforms": {"manage": {"answers": answer}}})
     host = make_host(*manage_args(sim, "--connect", "manage"))
     host.wait_event(event="connect_return", plat=2, ret=ret)
     assert host.statuses("manage")[-1] == "connect_failed"
     assert len(sim.records(platform="manage", kind="register")) == registers
-    boots = [b["transport"] for b in sim.records(platform="manage", kind="boot")]
-    assert boots == (["udp", "tcp"] if "Boot" in answer else ["udp"])
-    if "Boot" in answer:
+    assert [b["transport"] for b in sim.records(platform="manage", kind="boot")] == boots
+    if "tcp" in boots:
         # The TCP connection of the refused fallback is not left open.
         eventually(lambda: any(r.get("note") == "closed by peer" for r in
                                sim.records(platform="manage", transport="tcp", direction="event")),
                    what="the TCP Boot's connection to close")
         assert host.sockets() == 0
+    if ret == -2:
+        # The next connect (the host's retry) starts with a Boot and registers.
+        last = sim.last_seq()
+        host.command("connect manage")
+        sim.wait(platform="manage", kind="boot", since=last)
+        host.wait_event(event="connect_return", plat=2, ret=1)
 
 
 def test_wrong_checksn_is_retried_every_second_until_accepted(make_sim, make_host):
@@ -87,8 +100,13 @@ def test_wrong_checksn_is_retried_every_second_until_accepted(make_sim, make_hos
     assert not any(r["checksn_ok"] for r in regs)
     assert all(b["time"] - a["time"] >= scaled(1, scale) - TICK for a, b in zip(regs, regs[1:]))
     assert "connected" not in host.statuses("manage")
+    # A disconnect while the connect runs arms no reconnect of its own (one
+    # would Boot 5 s later, after this connect, which ends a second later).
+    assert host.command("disconnect 2", "disconnect_return")["ret"] == 0
     sim.control(cmd="script", script={"platforms": {"manage": {"answers": {"Register": [{"Result": 1}]}}}})
     host.wait_event(event="connect_return", plat=2, ret=1)
+    boot = sim.control(cmd="wait", platform="manage", kind="boot", since=sim.last_seq(), timeout=scaled(8, scale))
+    assert not boot["ok"], boot
 
 
 def test_plugin_server_in_register_reply_connects_the_plugin_platform(make_sim, make_host):
@@ -98,6 +116,58 @@ def test_plugin_server_in_register_reply_connects_the_plugin_platform(make_sim, 
     assert reg["transport"] == "tcp" and reg["checksn_ok"]
     host.wait_event(event="status", plat=3, status="connected")
     assert host.record("plugin")["port"] == sim.ports["plugin"]
+
+
+def test_register_redirect_is_written_once(make_sim, make_host):
+    # The first platform sends the gateway to the second, which names itself.
+    redirect = {"Result": 2, "ServerAddr": HOST, "ServerPort": "${MANAGE_PORT}"}
+    second = make_sim({"platforms": {"manage": {"answers": {"Register": [redirect]}}}})
+    first = make_sim({"platforms": {"manage": {"answers": {"Register": [
+        dict(redirect, ServerPort=str(second.ports["manage"]))]}}}})
+    host = make_host(*manage_args(first, "--connect", "manage"))
+    host.wait_event(event="connect_return", plat=2, ret=2)
+    conf = host.root / "etc/config/system/quickconf.conf"
+    assert conf.read_text() == f"manageplatport={second.ports['manage']}\n"  # the address is the same
+    written = conf.stat()
+    # Reconnected (5 s after a disconnect), the same redirect changes nothing.
+    host.command("disconnect 2", "disconnect_return")
+    second.wait(platform="manage", kind="register", timeout=10)
+    eventually(lambda: host.statuses("manage").count("connected") == 2, what="connected to the second platform")
+    assert (conf.stat().st_ino, conf.stat().st_mtime_ns) == (written.st_ino, written.st_mtime_ns)
+
+
+def test_manage_connect_clears_the_plugin_platform(make_sim, make_host):
+    sim = make_sim()
+    host = make_host(*manage_args(sim, "--plugin-addr", HOST, "--plugin-port", str(sim.ports["plugin"]),
+                                  "--connect", "plugin"))
+    host.wait_event(event="status", plat=3, status="connected")
+    host.command("connect manage")
+    host.wait_event(event="connect_return", plat=2, ret=1)
+    plugin = host.record("plugin")
+    assert (plugin["mgturl"], plugin["port"], plugin["regflag"], plugin["status"]) == ("", 0, 0, "")
+    closed = eventually(lambda: sim.records(platform="plugin", direction="event", note="closed by peer"),
+                        what="the plugin channel to close")
+    assert len(closed) == 1
+
+
+@pytest.mark.skipif(not IN_NETNS, reason="a name lookup may leave the machine outside the private namespace")
+@pytest.mark.parametrize("addr, ipmode, ret", [
+    ("no-such-platform.invalid", 2, 101),
+    # An IPv4 literal does not resolve as IPv6: no address, as above.
+    (HOST, 10, 101),
+    # Resolves, but is no address by the gateway's own IPv4 test.
+    ("0.1.2.3", 2, 103),
+])
+def test_unusable_platform_address(make_host, addr, ipmode, ret):
+    host = make_host("--manage-addr", addr, "--manage-port", "1", "--ipmode", str(ipmode), "--connect", "manage")
+    host.wait_event(event="connect_return", plat=2, ret=ret)
+    if ret == 101:
+        # No address: the connect timer tries again 5 s later, and again.
+        connects = lambda: [e["t"] for e in host.events if e.get("status") == "connecting"]  # noqa: E731
+        tries = eventually(lambda: len(connects()) >= 3 and connects(), what="two more connects")
+        assert all(b - a >= scaled(5) - TICK for a, b in zip(tries, tries[1:]))
+    else:
+        assert host.statuses("manage") == ["connecting", "connect_failed"]
 
 
 @pytest.mark.skipif(not MULTI, reason="needs the private hosts file of the network namespace")
