@@ -47,7 +47,7 @@ int index_of(Work kind) { return static_cast<int>(kind); }
 // been joined: a finished worker that the scheduler has not let exit yet
 // still exists (its stack too), so freeing the place when the work returns
 // would let a loaded gateway hold more threads than the cap. A finished
-// worker queues itself here; the next start or count joins it (it has
+// worker queues itself here; the next start, count or tick joins it (it has
 // nothing left to do but exit, so the join is brief).
 // The queue is guarded by a spin lock on an atomic flag, held for a few
 // stores at most. Its fields are atomics too: ThreadSanitizer does not
