@@ -1,7 +1,8 @@
 """Shared by the pytest folders (their conftests put tests/ on sys.path): a
 child process whose output goes to a file that can be searched, the platform
 simulator as such a child driven through its control port, the
-length-prefixed frame, and waiting for a condition."""
+length-prefixed frame, waiting for a condition, and a process's threads and
+descriptors."""
 
 from __future__ import annotations
 
@@ -20,6 +21,22 @@ HOST = "127.0.0.1"
 # A cross build runs the library under its emulator, that many times slower:
 # every wait is stretched by SLOW.
 SLOW = float(os.environ.get("QDQ_E2E_SLOWDOWN", "1"))
+
+
+def counts(pid: int) -> tuple[int, int]:
+    """Threads and open descriptors of process `pid`."""
+    return len(os.listdir(f"/proc/{pid}/task")), len(os.listdir(f"/proc/{pid}/fd"))
+
+
+def thread_names(pid: int) -> list[str]:
+    """The names of its threads (a thread that ends meanwhile is left out)."""
+    names = []
+    for task in Path(f"/proc/{pid}/task").iterdir():
+        try:
+            names.append((task / "comm").read_text().strip())
+        except OSError:
+            pass
+    return names
 
 
 def eventually(check: Callable[[], Any], timeout: float = 10, what: str | Callable[[], str] = "it") -> Any:

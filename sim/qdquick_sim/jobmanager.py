@@ -11,7 +11,7 @@ import socket
 import threading
 
 from .context import Context
-from .platform import later
+from .platform import later, peer_text
 
 # Request keys the answer does not echo.
 _CONSUMED = ("RPCMethod", "Plugin_Name", "Version", "Parameter")
@@ -47,7 +47,7 @@ class JobManager:
                 continue
             except OSError:
                 return
-            peer = f"{addr[0]}:{addr[1]}"
+            peer = peer_text(addr)
             text = data.decode("utf-8", "replace")
             self._ctx.recorder.add("jobmanager", "udp", "in", peer, text, kind="command")
             scripted = self._ctx.script.next_jobmanager_answer()

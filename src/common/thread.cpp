@@ -67,27 +67,6 @@ struct QueueLock {
     ~QueueLock() { g_finished_lock.clear(std::memory_order_release); }
 };
 
-void reap_finished() {
-    // pthread_join is a cancellation point: a cancelled caller must not
-    // leave popped workers unjoined and their places lost.
-    NoCancel no_cancel;
-    pthread_t tids[kAllCaps];
-    int kinds[kAllCaps];
-    int n = 0;
-    {
-        QueueLock lock;
-        n = g_finished_count.load(std::memory_order_relaxed);
-        for (int k = 0; k < n; k++) {
-            tids[k] = g_finished[k].tid.load(std::memory_order_relaxed);
-            kinds[k] = g_finished[k].kind.load(std::memory_order_relaxed);
-        }
-        g_finished_count.store(0, std::memory_order_relaxed);
-    }
-    for (int k = 0; k < n; k++) {
-        pthread_join(tids[k], nullptr);
-        g_live[kinds[k]].fetch_sub(1);
-    }
-}
 
 struct Worker {
     Work kind;
@@ -136,6 +115,28 @@ void *named_entry(void *raw) {
 
 }  // namespace
 
+void reap_workers() {
+    // pthread_join is a cancellation point: a cancelled caller must not
+    // leave popped workers unjoined and their places lost.
+    NoCancel no_cancel;
+    pthread_t tids[kAllCaps];
+    int kinds[kAllCaps];
+    int n = 0;
+    {
+        QueueLock lock;
+        n = g_finished_count.load(std::memory_order_relaxed);
+        for (int k = 0; k < n; k++) {
+            tids[k] = g_finished[k].tid.load(std::memory_order_relaxed);
+            kinds[k] = g_finished[k].kind.load(std::memory_order_relaxed);
+        }
+        g_finished_count.store(0, std::memory_order_relaxed);
+    }
+    for (int k = 0; k < n; k++) {
+        pthread_join(tids[k], nullptr);
+        g_live[kinds[k]].fetch_sub(1);
+    }
+}
+
 std::size_t thread_stack_size() {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || QDQ_CLANG_SANITIZED
     return 1024 * 1024;
@@ -163,17 +164,15 @@ int start_thread(pthread_t *tid, void *(*fn)(void *), void *arg, bool detached, 
     return rc;
 }
 
-void reap_workers() { reap_finished(); }
-
 int worker_cap(Work kind) { return kCaps[index_of(kind)]; }
 
 int live_workers(Work kind) {
-    reap_finished();
+    reap_workers();
     return g_live[index_of(kind)].load();
 }
 
 int live_workers_total() {
-    reap_finished();
+    reap_workers();
     int total = 0;
     for (const auto &n : g_live) total += n.load();
     return total;
@@ -181,7 +180,7 @@ int live_workers_total() {
 
 int start_worker(Work kind, void *(*fn)(void *), void *arg) {
     const int i = index_of(kind);
-    reap_finished();
+    reap_workers();
     // The place is taken before the thread exists, and only while one is
     // free: concurrent starters never overshoot the cap, not even for a
     // moment (the count is what live_workers reports).

@@ -20,7 +20,7 @@ from typing import Iterator
 import pytest
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
-from simproc import HOST, Child, Sim, eventually, frame, recv_exact, recv_frame  # noqa: E402,F401
+from simproc import HOST, Child, Sim, counts, eventually, frame, recv_exact, recv_frame  # noqa: E402,F401
 
 REPO = Path(__file__).resolve().parents[2]
 DAEMON = os.environ.get("QDQUICKD", str(REPO / "build" / "daemon" / "qdquickd"))
@@ -152,10 +152,6 @@ def up(g: Gateway, *sim_extra: str, command: list[str] | None = None) -> tuple[i
     g.daemon.wait_line("plugin platform: heartbeat answered")
     g.wait_for("manage", "heartbeat")
     return settled_counts(g.daemon.popen.pid)
-
-
-def counts(pid: int) -> tuple[int, int]:
-    return len(os.listdir(f"/proc/{pid}/task")), len(os.listdir(f"/proc/{pid}/fd"))
 
 
 def settled_counts(pid: int, seconds: float = 1.5) -> tuple[int, int]:
