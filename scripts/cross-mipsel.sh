@@ -13,57 +13,17 @@ cd "$(dirname "$0")/.."
 dir=${1:-build-mipsel}
 jobs=$(nproc)
 
-installed_version() {
-  dpkg-query -W -f='${Status} ${Version}' "$1" 2>/dev/null | sed -n 's/^install ok installed //p'
-}
-
-apt_ready=no
-apt_update() {
-  if [ "$apt_ready" = no ]; then
-    export DEBIAN_FRONTEND=noninteractive
-    apt-get update -qq
-    apt_ready=yes
-  fi
-}
+. ./scripts/lib/pkgs.sh
 
 install_all() {
-  if ! dpkg --print-foreign-architectures | grep -qx mipsel; then
-    dpkg --add-architecture mipsel
-    apt_update
-  fi
-
-  # OpenSSL is Multi-Arch: same, so the amd64 and mipsel packages must be
-  # the very same version, and the security archive carries no mipsel
-  # builds: both arches are installed at the mipsel version and held there,
-  # so that an upgrade of the host's libssl cannot break the pair.
-  ssl_version=$(installed_version libssl-dev:mipsel)
-  if [ -z "$ssl_version" ]; then
-    apt_update
-    ssl_version=$(apt-cache policy libssl-dev:mipsel | sed -n 's/^ *Candidate: //p')
-  fi
-  ssl_pkgs="libssl3:amd64 libssl-dev:amd64 libssl3:mipsel libssl-dev:mipsel"
-  ssl_wanted=""
-  for p in $ssl_pkgs; do
-    [ "$(installed_version "$p")" = "$ssl_version" ] || ssl_wanted="$ssl_wanted $p=$ssl_version"
-  done
-  if [ -n "$ssl_wanted" ]; then
-    apt_update
-    apt-get install -y -qq --allow-downgrades $ssl_wanted >/dev/null
-    apt-mark hold $ssl_pkgs >/dev/null
-  fi
-
+  # Both arches' OpenSSL at one version, pinned (scripts/lib/pkgs.sh says
+  # why), before anything that depends on it.
+  qdq_pair_openssl mipsel
   # The host's tools (cmake, python3-pytest, openssl, ...), then the cross
   # ones. (gcc-multilib conflicts with the cross compiler.)
   ./scripts/deps.sh
-  missing=""
-  for p in g++-mipsel-linux-gnu binutils-mipsel-linux-gnu qemu-user libcjson-dev:mipsel \
-           libgtest-dev:mipsel libstdc++6:mipsel pkgconf:mipsel; do
-    [ -n "$(installed_version "$p")" ] || missing="$missing $p"
-  done
-  if [ -n "$missing" ]; then
-    apt_update
-    apt-get install -y -qq $missing >/dev/null
-  fi
+  qdq_apt_install g++-mipsel-linux-gnu binutils-mipsel-linux-gnu qemu-user libcjson-dev:mipsel \
+    libgtest-dev:mipsel libstdc++6:mipsel pkgconf:mipsel
 }
 
 [ "${QDQ_CROSS_NO_INSTALL:-0}" = 1 ] || install_all

@@ -11,8 +11,9 @@ cmake --build build -j "$(nproc)" >/dev/null
 fi
 build=${QDQ_DEMO_BUILD:-$(pwd)/build}
 # From here: the simulator (operator side) and qdquickd (the gateway) on
-# loopback, in a private network namespace when possible so that the fixed
-# ports (7998, 18401, 18998, 17401, 60001...) never meet anything else.
+# loopback, in private network and PID namespaces when possible so that the
+# fixed ports (7998, 18401, 18998, 17401, 60001...) never meet anything
+# else.
 # Usage: scripts/demo.sh [--keep]   (--keep: stay up for exploration)
 keep=0
 for arg in "$@"; do
@@ -22,9 +23,12 @@ for arg in "$@"; do
     *) echo "usage: $0 [--keep]" >&2; exit 2 ;;
   esac
 done
-if [ -z "${QDQ_DEMO_INSIDE:-}" ] && unshare --net true 2>/dev/null; then
-  export QDQ_DEMO_INSIDE=netns
-  exec unshare --net sh -c 'ip link set lo up && exec "$0" "$@"' "$0" "$@"
+# A private PID namespace with its own /proc too: the daemon stops plugins
+# it finds by process name, which must never reach a process of another
+# run (or of anybody else) on this machine.
+if [ -z "${QDQ_DEMO_INSIDE:-}" ] && unshare --net --pid --fork --mount-proc true 2>/dev/null; then
+  export QDQ_DEMO_INSIDE=netns QDQ_DEMO_NS_PID=$$   # unshare keeps this pid, in the new network
+  exec unshare --net --pid --fork --mount-proc sh -c 'ip link set lo up && exec "$0" "$@"' "$0" "$@"
 fi
 export QDQ_DEMO_INSIDE="${QDQ_DEMO_INSIDE:-host}"
 
@@ -92,7 +96,7 @@ say "local ListPlugin answered: $answer"
 case "$answer" in *sample*) ;; *) ok=0 ;; esac
 
 if [ "$keep" = 1 ]; then
-  pfx=""; [ "$QDQ_DEMO_INSIDE" = netns ] && pfx="nsenter -t $$ -n "
+  pfx=""; [ "$QDQ_DEMO_INSIDE" = netns ] && pfx="nsenter -t $QDQ_DEMO_NS_PID -n "
   cat <<EOT
 
 The gateway keeps running. From another terminal try:
