@@ -21,6 +21,18 @@ ${CC:-cc} -std=c99 -pedantic -Wall -Wextra -Werror $extra \
 # The same headers compile as C++.
 ${CXX:-c++} -std=c++17 -Wall -Wextra -Werror -fsyntax-only -x c++ \
   $($pkg_config --cflags qdquick) "$src_dir/c_host.c"
+# The installed programs start from their prefix alone: no LD_LIBRARY_PATH,
+# no ldconfig; the libraries carry no search path of their own.
+for lib in "$libdir"/libqdquick.so.1 "$libdir"/libqdplatform.so.1; do
+  if readelf -d "$lib" | grep -Eq '\((RPATH|RUNPATH)\)'; then
+    echo "$lib carries a library search path" >&2; exit 1
+  fi
+done
+for prog in qdquickd qdquick-cli; do
+  env -u LD_LIBRARY_PATH ${QDQ_EMULATOR:-} "$work/prefix/bin/$prog" --help > "$work/$prog.help" 2>&1 \
+    || { cat "$work/$prog.help" >&2; echo "$prog --help failed from its prefix" >&2; exit 1; }
+  grep -qi "usage" "$work/$prog.help" || { cat "$work/$prog.help" >&2; exit 1; }
+done
 mkdir -p "$work/root/var"
 QDQUICK_ROOT="$work/root" LD_LIBRARY_PATH="$libdir" ${QDQ_EMULATOR:-} "$work/c_host"
 grep -q "c host says 42" "$work/root/var/shrcadlog.txt"
