@@ -9,6 +9,11 @@ const char *cmd_text(const cJSON *object, const char *key) {
     return cJSON_IsString(item) ? item->valuestring : nullptr;
 }
 
+const char *cmd_text_or_empty(const cJSON *object, const char *key) {
+    const char *text = cmd_text(object, key);
+    return text != nullptr ? text : "";
+}
+
 void cmd_delete(cJSON *object, std::initializer_list<const char *> keys) {
     // A hostile command may repeat a key; every copy is consumed.
     for (const char *key : keys)

@@ -11,6 +11,12 @@ namespace qdq {
 // command from the wire may carry any type under any key).
 const char *cmd_text(const cJSON *object, const char *key);
 
+// The member's string value, or "" when it is absent or not a string: for
+// keys whose absence the command still answers (the facade and the host's
+// hooks are never handed a null name or version; an empty one fails every
+// check that guards a shell command).
+const char *cmd_text_or_empty(const cJSON *object, const char *key);
+
 // Deletes each named member that is present.
 void cmd_delete(cJSON *object, std::initializer_list<const char *> keys);
 

@@ -24,29 +24,35 @@ bool is_protected(const char *name) {
 
 using NameVersionCall = int (*)(const char *name, const char *version);
 
-// The common shape: name and version in, the facade's answer out. A
-// command without them is refused whole.
-void name_version_command(cJSON *object, NameVersionCall call, bool guard_protected) {
+// Who may answer without a name: UnInstall and Stop act on one bundle (and
+// guard the protected ones), so they need it; the others ask the facade.
+enum class Target { named, any };
+
+// The common shape: name and version in, the facade's answer out. A missing
+// or non-text key reads as empty text; only UnInstall and Stop without a
+// name are refused whole.
+void name_version_command(cJSON *object, NameVersionCall call, Target target) {
     const char *name = qdq::cmd_text(object, "Plugin_Name");
-    const char *version = qdq::cmd_text(object, "Version");
-    if (name == nullptr || version == nullptr) {
-        QDQ_LOG("plugin command without Plugin_Name or Version");
+    if (name == nullptr && target == Target::named) {
+        QDQ_LOG("plugin command without Plugin_Name");
         qdq::cmd_refuse(object, qdq::kResultFailed);
         return;
     }
-    const int result = guard_protected && is_protected(name) ? qdq::kResultProtected : call(name, version);
+    if (name == nullptr) name = "";
+    const char *version = qdq::cmd_text_or_empty(object, "Version");
+    const int result = target == Target::named && is_protected(name) ? qdq::kResultProtected : call(name, version);
     qdq::cmd_delete(object, {"RPCMethod", "Plugin_Name", "Version"});
     qdq::cmd_result(object, result);
 }
 
 }  // namespace
 
-void HgProcessPluginUniInstall(cJSON *object) { name_version_command(object, HgUnInstallPlugin, true); }
-void HgProcessPluginStop(cJSON *object) { name_version_command(object, HgPluginStop, true); }
-void HgProcessPluginQuery(cJSON *object) { name_version_command(object, HgQueryPluginInstallProgress, false); }
-void HgProcessPluginInstallCancel(cJSON *object) { name_version_command(object, HgPluginInstallCancel, false); }
-void HgProcessPluginRun(cJSON *object) { name_version_command(object, HgPluginRun, false); }
-void HgProcessFactoryPlugin(cJSON *object) { name_version_command(object, HgFactoryPlugin, false); }
+void HgProcessPluginUniInstall(cJSON *object) { name_version_command(object, HgUnInstallPlugin, Target::named); }
+void HgProcessPluginStop(cJSON *object) { name_version_command(object, HgPluginStop, Target::named); }
+void HgProcessPluginQuery(cJSON *object) { name_version_command(object, HgQueryPluginInstallProgress, Target::any); }
+void HgProcessPluginInstallCancel(cJSON *object) { name_version_command(object, HgPluginInstallCancel, Target::any); }
+void HgProcessPluginRun(cJSON *object) { name_version_command(object, HgPluginRun, Target::any); }
+void HgProcessFactoryPlugin(cJSON *object) { name_version_command(object, HgFactoryPlugin, Target::any); }
 
 void HgProcessSetPluginParameterValues(cJSON *object) {
     const char *name = qdq::cmd_text(object, "Plugin_Name");

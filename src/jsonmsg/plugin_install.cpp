@@ -55,16 +55,13 @@ int start_push(int result, const char *name, const char *version, const char *up
 
 void HgProcessPluginInstall(cJSON *object) {
     QDQ_LOG("HgProcessPluginInstall start");
-    const char *name = qdq::cmd_text(object, "Plugin_Name");
-    const char *version = qdq::cmd_text(object, "Version");
-    const char *url = qdq::cmd_text(object, "Download_url");
-    const cJSON *os_item = cJSON_GetObjectItemCaseSensitive(object, "OS");
-    if (name == nullptr || version == nullptr || url == nullptr || os_item == nullptr) {
-        QDQ_LOG("HgProcessPluginInstall: a request key is missing");
-        qdq::cmd_refuse(object, qdq::kResultFailed);
-        return;
-    }
-    const int os = GetIntValueFromJson(os_item);
+    // Every key may be missing or of another type: texts then read as empty
+    // (the installer refuses an empty name or address before any command),
+    // numbers as 0 (a missing "OS" is OS 0).
+    const char *name = qdq::cmd_text_or_empty(object, "Plugin_Name");
+    const char *version = qdq::cmd_text_or_empty(object, "Version");
+    const char *url = qdq::cmd_text_or_empty(object, "Download_url");
+    const int os = GetIntValueFromJson(cJSON_GetObjectItemCaseSensitive(object, "OS"));
     const int size = GetIntValueFromJson(cJSON_GetObjectItemCaseSensitive(object, "Plugin_size"));
     const char *upgradeid = qdq::cmd_text(object, "upgrade_ID");
 

@@ -1,8 +1,9 @@
 // Ability commands, the manage platform's signed orders, the resend of the
-// kept reply and the install-result push.
+// kept reply, plugin commands with keys missing and the install-result push.
 #include <fcntl.h>
 #include <sys/socket.h>
 
+#include <initializer_list>
 #include <vector>
 
 #include "dispatch_helpers.h"
@@ -136,6 +137,55 @@ TEST_F(Orders, ResendOverUdpAndTcpGivesUpAfterFour) {
     EXPECT_NE(fcntl(near.get(), F_GETFD), -1);  // the channel's socket stays open
     run(R"({"Result":1})", 2);
     EXPECT_EQ(std::vector<int>({platresendnum, armed(18)}), std::vector<int>({0, -1}));
+}
+
+// What the plugin facade handed to the host's hooks, texts quoted.
+std::string g_facade_saw;
+void saw(const std::string &what, std::initializer_list<const char *> texts) {
+    g_facade_saw += what;
+    for (const char *t : texts) g_facade_saw += t != nullptr ? " '" + std::string(t) + "'" : " null";
+    g_facade_saw += ";";
+}
+
+TEST_F(Orders, PluginCommandsWithKeysMissingAskTheFacade) {
+    qdqpluginhooks_t hooks{};
+    hooks.install = [](int os, const char *n, const char *v, const char *u, int size, const char *up) {
+        saw("install " + std::to_string(os) + " " + std::to_string(size), {n, v, u, up});
+        return 0;
+    };
+    hooks.run = [](const char *n, const char *v) { return saw("run", {n, v}), 6; };
+    hooks.stop = [](const char *n, const char *v) { return saw("stop", {n, v}), 6; };
+    hooks.uninstall = [](const char *n, const char *v) { return saw("uninstall", {n, v}), 6; };
+    HgSetPluginHooks(&hooks);
+    struct { const char *why, *msg, *reply, *facade_saw; } cases[] = {
+        {"no OS is OS 0", R"({"RPCMethod":"Install","ID":4,"Plugin_Name":"p","Version":"1","Download_url":"u"})",
+         R"({"ID":4,"Result":0})", "install 0 0 'p' '1' 'u' null;"},
+        {"texts of other types read empty", R"({"RPCMethod":"Install","ID":4,"Plugin_Name":7,"Version":[],)"
+         R"("Download_url":null,"OS":"5","Plugin_size":"9","upgrade_ID":1})", R"({"ID":4,"Result":0})",
+         "install 5 9 '' '' '' null;"},
+        {"bare install", R"({"RPCMethod":"Install","ID":4,"OS":{}})", R"({"ID":4,"Result":0})",
+         "install 0 0 '' '' '' null;"},
+        {"run, no version", R"({"RPCMethod":"Run","ID":4,"Plugin_Name":"p"})", R"({"ID":4,"Result":6})", "run 'p' '';"},
+        {"run, no name", R"({"RPCMethod":"Run","ID":4,"Version":"1"})", R"({"ID":4,"Result":6})", "run '' '1';"},
+        {"query", R"({"RPCMethod":"Install_query","ID":4,"Plugin_Name":"p"})", R"({"ID":4,"Result":0})", ""},
+        {"cancel", R"({"RPCMethod":"Install_cancel","ID":4,"Version":5})", R"({"ID":4,"Result":0})", ""},
+        {"factory", R"({"RPCMethod":"FactoryPlugin","ID":4,"Plugin_Name":"p"})", R"({"ID":4,"Result":0})", ""},
+        {"stop, no version", R"({"RPCMethod":"Stop","ID":4,"Plugin_Name":"p"})", R"({"ID":4,"Result":6})",
+         "stop 'p' '';"},
+        {"uninstall, no version", R"({"RPCMethod":"UnInstall","ID":4,"Plugin_Name":"p","Version":1})",
+         R"({"ID":4,"Result":6})", "uninstall 'p' '';"},
+        {"protected, no version",
+         R"({"RPCMethod":"Stop","ID":4,"Plugin_Name":"com.brevanta.varnelo.smartgateway.dlna"})",
+         R"({"ID":4,"Result":-14})", ""},
+        {"stop needs a name", R"({"RPCMethod":"Stop","ID":4,"Version":"1"})", R"({"Result":-1})", ""},
+    };
+    for (const auto &c : cases) {
+        g_facade_saw.clear();
+        dt::Reply r = run(c.msg, 3);
+        EXPECT_EQ(qdq::CText(cJSON_PrintUnformatted(r.json.get())).get(), std::string(c.reply)) << c.why;
+        EXPECT_EQ(g_facade_saw, c.facade_saw) << c.why;
+    }
+    HgSetPluginHooks(nullptr);
 }
 
 TEST_F(Orders, InstallResultPushMessage) {

@@ -60,7 +60,6 @@ TEST_F(Routes, CommandsAreAnsweredRefusedOrEchoed) {
         {3, R"({"RPCMethod":"ListPlugin")" + nv, R"({"Plugin_Name":"p","Version":"1","Plugin":[],"Result":0})"},
         // a needed key missing or of the wrong type: refused whole
         {3, R"({"RPCMethod":"UnInstall","Version":"1","ID":2})", R"({"Result":-1})"}, {3, R"({"RPCMethod":"Stop","Plugin_Name":7,"Version":"1"})", R"({"Result":-1})"},
-        {3, R"({"RPCMethod":"Install","OS":0)" + nv, R"({"Result":-1})"},
         {2, R"({"RPCMethod":"RequestPlug-in","Key":5})", R"({"Result":-1})"},
         {2, R"({"RPCMethod":"RequestDistri","Key":[]})", R"({"Result":-1})"},
         // unusable texts: not JSON, too deep, no or an empty RPCMethod
