@@ -57,7 +57,7 @@ void take_interval(const cJSON *obj, platinfo *rec) {
 }
 
 // The refused value itself is not logged: it may hold control characters.
-void refused(const char *key) { QDQ_LOG("%s refused: not a host and port, the configured one stays", key); }
+void refused(const char *key) { QDQ_LOG("%s refused: not an acceptable address or port, the configured one stays", key); }
 
 // A string value, or "" for anything else.
 const char *text_of(const cJSON *item) { return cJSON_IsString(item) ? item->valuestring : ""; }

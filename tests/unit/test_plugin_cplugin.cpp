@@ -248,7 +248,7 @@ TEST_F(CPlugin, LimitRulesKeepTheWorkingDirectory) {
         Lines limiter = c.limiter ? Lines{"cpulimit -e " + p + " -b -l " + c.limiter} : Lines{};
         EXPECT_EQ(grep(tools(), "cpulimit -e " + p + " ", limiter.size()), limiter) << s;
         if (c.line.find("setuidgid") != std::string::npos) {
-            EXPECT_EQ(grep(tools(), "setuidgid " + s), Lines{"setuidgid " + s + " ./" + p});
+            EXPECT_EQ(grep(tools(), "setuidgid " + s, 1), Lines{"setuidgid " + s + " ./" + p});
             EXPECT_EQ(grep(tools(), "adduser " + s + " -DH").size(), 1u);
         } else {  // the daemon's user starts it in its own directory
             for (int w = 0; w < 500 && !exists(dir + "/ran"); ++w) usleep(10000);
