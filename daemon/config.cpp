@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -17,10 +18,22 @@ namespace {
 // Capacities of the record fields the values end up in.
 constexpr std::size_t kSerialCap = 256, kMacCap = 128, kModelCap = 256, kVersionCap = 64,
                       kLoidCap = 128, kIpCap = 320, kAreaCap = 32, kPppoeCap = 72,
-                      kAddressCap = 128, kRootCap = 512;
+                      kAddressCap = 128, kRootCap = 512, kInterfaceCap = 16;
 
 bool has_blank(const std::string &s) {
     return s.find_first_of(" \t\r\n\"'`$\\;|&<>") != std::string::npos;
+}
+
+bool acceptable_interface(const std::string &name) {
+    if (name.empty()) return true;
+    if (name[0] == '-') return false;
+    for (std::size_t i = 0; i < name.size(); ++i) {
+        const char c = name[i];
+        if (!std::isalnum(static_cast<unsigned char>(c)) && c != '.' && c != '_' && c != '-' &&
+            !(c == '+' && i + 1 == name.size()))
+            return false;
+    }
+    return true;
 }
 
 void read_platform(ConfigReader &platforms, const char *key, PlatformConfig &p, bool has_local_port) {
@@ -86,6 +99,10 @@ bool parse_config(const char *text, Config &c, std::string &error) {
     ConfigReader local = top.child("local");
     local.port("tcp_port", c.local_tcp_port, false);
     local.flag("refuse_tcp_clients", c.refuse_tcp_clients);
+    local.flag("plugin_orders", c.plugin_orders);
+    local.text("lan_interface", c.lan_interface, kInterfaceCap);
+    if (local.ok() && !acceptable_interface(c.lan_interface))
+        local.fail("lan_interface", "must be an interface name (letters, digits, '.', '_', '-', a trailing '+')");
     local.finish();
 
     ConfigReader services = top.child("services");

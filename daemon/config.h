@@ -39,6 +39,8 @@ struct Config {
 
     unsigned local_tcp_port = 18998;
     bool refuse_tcp_clients = false;
+    bool plugin_orders = false;  // local clients may install and run plugins (a risk)
+    std::string lan_interface;   // "" opens the local ports on every interface
     bool local_udp = true;
     bool local_tcp = true;
     bool quick_install = true;

@@ -48,6 +48,8 @@ void fill_platform(platinfo *record, const PlatformConfig &p) {
 void fill_local_service(const Config &c) {
     cubeplatinfo.localsrvport = c.local_tcp_port;
     cubeplatinfo.localability = c.refuse_tcp_clients ? 1 : 0;
+    gQuickLocalPluginOrders = c.plugin_orders ? 1 : 0;
+    put(gQuickLanInterface, c.lan_interface);
 }
 
 std::string record_address(const platinfo *record) {

@@ -15,6 +15,10 @@
  *   otherwise; failures are logged and never abort the process. No C++
  *   exception ever crosses this interface.
  * - Call initQdQuick() once, before any other function that starts a thread.
+ * - Local clients (UDP 18401, the local TCP port) may list and query
+ *   plugins but not install, start, stop or remove them unless the host
+ *   sets gQuickLocalPluginOrders; the manage platform's local UDP port takes
+ *   datagrams only from the manage platform's current address.
  * - Every fixed path is taken relative to $QDQUICK_ROOT (empty by default)
  *   and every wait is scaled by $QDQUICK_TIME_SCALE (1 by default).
  */
@@ -185,6 +189,21 @@ QDQ_API extern char manageplatUrl[512];
 QDQ_API extern char devMac[512];
 
 QDQ_API extern int gQuickLogSize;          /* KiB; <= 0 switches the limit off */
+
+/* Local plugin orders. 0 (the default): the plugin lifecycle commands
+ * "Install", "UnInstall", "Run", "Stop", "FactoryPlugin" and
+ * "Install_cancel" from local clients (UDP 18401, the local TCP port) act on
+ * nothing and are answered "Result" -15; "ListPlugin" and "Install_query"
+ * are answered. Non-zero lets them through: a risk, since anyone who reaches
+ * those ports can then install and start code on the gateway. A plugin
+ * installed by a local order always runs as a user of its own with limits,
+ * whatever its descriptor says, and never loads a kernel module. */
+QDQ_API extern int gQuickLocalPluginOrders;
+/* Interface the firewall rules of the local ports accept from ("br-lan"):
+ * with a name, each rule gets "-i NAME" (letters, digits, '.', '_', '-', a
+ * trailing '+'; any other name leaves the port closed). Empty (the default):
+ * the rules accept from every interface. Set before starting the services. */
+QDQ_API extern char gQuickLanInterface[16];
 QDQ_API extern pthread_mutex_t log_mutex;
 
 QDQ_API extern apptokeninfo appStoreTokenInfo;

@@ -11,6 +11,7 @@
 #include "common/log.h"
 #include "common/thread.h"
 #include "jsonmsg/cmd_json.h"
+#include "jsonmsg/local_orders.h"
 #include "jsonmsg/processjsonmsg.h"
 #include "platintf/reply_process.h"
 
@@ -219,6 +220,8 @@ int dispatch(const char *msg, char **out, int *plattype) {
             }
             break;
         }
+    } else if (qdq::refuse_local_order(obj, method, type)) {
+        // The refusal is in the object; nothing was acted on.
     } else {
         for (const Route &r : kRoutes) {
             if (std::strcmp(method, r.method) != 0) continue;

@@ -8,6 +8,7 @@
 #include "jsonmsg/cmd_json.h"
 #include "jsonmsg/processjsonmsg.h"
 #include "localsvc/callbacks.h"
+#include "platintf/plat_values.h"
 
 namespace {
 
@@ -39,20 +40,29 @@ void rotate_devrnd(cJSON *object) {
     qdq::cmd_set_text(object, "DevRND", manageplatinfo.devrnd);
 }
 
-// "ServerAddr" into the record's address, when it is a string.
+// "ServerAddr" into the record's address, when it is a host; anything else
+// leaves the address as it was.
 bool take_address(const cJSON *object, platinfo &rec) {
     const char *addr = qdq::cmd_text(object, "ServerAddr");
-    if (addr == nullptr) return false;
+    if (cJSON_GetObjectItemCaseSensitive(object, "ServerAddr") == nullptr) return false;
+    if (!qdq::acceptable_host(addr, sizeof rec.MgtURL)) {
+        QDQ_LOG("ServerAddr refused: not a host, the configured one stays");
+        return false;
+    }
     const bool changed = std::strncmp(addr, rec.MgtURL, sizeof rec.MgtURL) != 0;
     qdq::copy_field(rec.MgtURL, sizeof rec.MgtURL, addr);
     return changed;
 }
 
-// "ServerPort" (decimal text or number) into the record's port.
+// "ServerPort" (decimal text or number, 1-65535) into the record's port.
 bool take_port(const cJSON *object, platinfo &rec) {
     const cJSON *item = cJSON_GetObjectItemCaseSensitive(object, "ServerPort");
     if (item == nullptr) return false;
-    const unsigned port = static_cast<unsigned>(GetIntValueFromJson(item));
+    unsigned port = 0;
+    if (!qdq::acceptable_port(item, port)) {
+        QDQ_LOG("ServerPort refused: not a port, the configured one stays");
+        return false;
+    }
     const bool changed = port != rec.port;
     rec.port = port;
     return changed;

@@ -95,8 +95,13 @@ int StartProcessPrivateUdpRequest(void) {
     qdq::NoCancel no_cancel;
     // Fixed texts: port 9998 (not 7998) is the rule this service has always
     // opened, and other programs rely on it.
-    safeSystem("iptables -D INPUT -p udp --dport 9998 -j ACCEPT");
-    safeSystem("iptables -I INPUT 1 -p udp --dport 9998 -j ACCEPT");
+    // With a LAN interface set, the rule takes it like the other ports'.
+    if (gQuickLanInterface[0] != '\0') {
+        qdq::open_firewall_port("udp", 9998);
+    } else {
+        safeSystem("iptables -D INPUT -p udp --dport 9998 -j ACCEPT");
+        safeSystem("iptables -I INPUT 1 -p udp --dport 9998 -j ACCEPT");
+    }
 
     // No SO_REUSEADDR: a second instance must fail to bind. Close-on-exec
     // keeps the port out of the commands the host runs.

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include "qdquick/qdquick.h"
@@ -36,6 +37,11 @@ public:
 // deletes an earlier copy of the rule, then inserts it. Runs iptables with
 // an argument vector (no shell).
 void open_firewall_port(const char *proto, unsigned port);
+
+// True when a datagram on the manage platform's local port comes from the
+// manage platform: its address is the record's server address (`curip`) or
+// heartbeat address. Others are dropped, with a log line now and then.
+bool from_manage_platform(const sockaddr_in &from);
 
 // The local TCP service's state, copied under its lock (for the host's
 // diagnostics and the tests). A free slot holds socket -1.

@@ -125,6 +125,7 @@ Next serve(ServiceSocket &sock, int *plattype) {
             AppMgrLogLine(qdq::kLogTrace, "Error: recvfrom err,reopen socket");
             return Next::Reopen;
         }
+        if (*plattype == QDQ_PLAT_MANAGE && !qdq::from_manage_platform(from)) continue;
         answer(sock.get(), buf, n, from, plattype);
     }
 }

@@ -14,6 +14,7 @@
 #include "common/paths.h"
 #include "localsvc/callbacks.h"
 #include "platintf/hgprocessplatintf.h"
+#include "platintf/plat_values.h"
 #include "platintf/push.h"
 #include "platintf/session.h"
 #include "qdquick/qdplatform.h"
@@ -41,24 +42,36 @@ JsonPtr parse_reply(const char *reply, const cJSON **result) {
     return obj;
 }
 
+// An interval below one second would stop the heartbeats for good (a
+// timer of 0 or fewer seconds is never armed): the default is taken instead.
 void take_interval(const cJSON *obj, platinfo *rec) {
     const cJSON *interval = cJSON_GetObjectItemCaseSensitive(obj, "Interval");
-    if (interval != nullptr) rec->interval = static_cast<unsigned>(GetIntValueFromJson(interval));
+    if (interval == nullptr) return;
+    const int seconds = GetIntValueFromJson(interval);
+    if (seconds >= 1) {
+        rec->interval = static_cast<unsigned>(seconds);
+        return;
+    }
+    rec->interval = qdq::default_interval(rec);
+    QDQ_LOG("Interval %d refused, default %u taken", seconds, rec->interval);
 }
+
+// The refused value itself is not logged: it may hold control characters.
+void refused(const char *key) { QDQ_LOG("%s refused: not an acceptable address or port, the configured one stays", key); }
 
 // A string value, or "" for anything else.
 const char *text_of(const cJSON *item) { return cJSON_IsString(item) ? item->valuestring : ""; }
 
-// Splits "host[:port]" at its first colon. Returns true when a port was given.
-bool split_host_port(const char *value, std::string &host, unsigned &port) {
+enum class Split { refused, host, host_port };
+
+// Splits "host[:port]" at its first colon; the host must fit a field of
+// `cap` bytes and the port lie in 1-65535. `port` is set only with a port.
+Split split_host_port(const char *value, std::size_t cap, std::string &host, unsigned &port) {
     const char *colon = std::strchr(value, ':');
-    if (colon == nullptr) {
-        host = value;
-        return false;
-    }
-    host.assign(value, static_cast<size_t>(colon - value));
-    port = static_cast<unsigned>(std::atoi(colon + 1));
-    return true;
+    host.assign(value, colon != nullptr ? static_cast<size_t>(colon - value) : std::strlen(value));
+    if (!qdq::acceptable_host(host.c_str(), cap)) return Split::refused;
+    if (colon == nullptr) return Split::host;
+    return qdq::acceptable_port_text(colon + 1, port) ? Split::host_port : Split::refused;
 }
 
 void take_server(const cJSON *obj, const char *key, serveraddr &server, const char *what) {
@@ -66,7 +79,9 @@ void take_server(const cJSON *obj, const char *key, serveraddr &server, const ch
     if (item == nullptr) return;
     std::string host;
     unsigned port = server.port;
-    if (split_host_port(text_of(item), host, port)) server.port = port;
+    const Split split = split_host_port(text_of(item), sizeof server.addr, host, port);
+    if (split == Split::refused) return refused(key);
+    if (split == Split::host_port) server.port = port;
     std::snprintf(server.addr, sizeof server.addr, "%s", host.c_str());
     QDQ_LOG("%s ip:%s  %s port:%d", what, server.addr, what, server.port);
 }
@@ -74,11 +89,12 @@ void take_server(const cJSON *obj, const char *key, serveraddr &server, const ch
 void take_heartbeat_address(const cJSON *obj, platinfo *rec) {
     const cJSON *item = cJSON_GetObjectItemCaseSensitive(obj, "HeartbeatIPAddr");
     if (item == nullptr) return;
-    std::memset(rec->heartbeatip, 0, sizeof rec->heartbeatip);
-    rec->heartbeatport = 0;
     std::string host;
     unsigned port = rec->port;
-    split_host_port(text_of(item), host, port);
+    if (split_host_port(text_of(item), sizeof rec->heartbeatip, host, port) == Split::refused)
+        return refused("HeartbeatIPAddr");
+    std::memset(rec->heartbeatip, 0, sizeof rec->heartbeatip);
+    rec->heartbeatport = 0;
     std::snprintf(rec->heartbeatip, sizeof rec->heartbeatip, "%s", host.c_str());
     rec->heartbeatport = port;
     QDQ_LOG("heartbeatip:%s\theartbeatport:%d", rec->heartbeatip, rec->heartbeatport);
@@ -93,7 +109,9 @@ void take_plugin_server(const cJSON *obj) {
     std::string host;
     unsigned port = plug.port;
     int change = 0;
-    if (split_host_port(text_of(item), host, port)) {
+    const Split split = split_host_port(text_of(item), sizeof plug.MgtURL, host, port);
+    if (split == Split::refused) return refused("PluginServer");
+    if (split == Split::host_port) {
         if (std::strncmp(host.c_str(), plug.MgtURL, host.size()) != 0) change = 1;
         if (port != plug.port) change = 1;
         plug.port = port;
@@ -110,22 +128,28 @@ void take_plugin_server(const cJSON *obj) {
 }
 
 // Result 2: the manage platform moves; the configuration is written only
-// when a value changed.
+// when a value changed, and never with a value that was refused.
 void take_manage_redirect(const cJSON *obj) {
     const cJSON *addr = cJSON_GetObjectItemCaseSensitive(obj, "ServerAddr");
     if (addr != nullptr) {
         const char *value = text_of(addr);
-        QDQ_LOG("manageplaturl:%s\n", value);
-        if (std::strcmp(value, manageplatinfo.MgtURL) != 0) {
-            std::snprintf(manageplatinfo.MgtURL, sizeof manageplatinfo.MgtURL, "%s", value);
-            setcfgx(kQuickConf, "manageplataddr", value);
+        if (!qdq::acceptable_host(value, sizeof manageplatinfo.MgtURL)) {
+            refused("ServerAddr");
+        } else {
+            QDQ_LOG("manageplaturl:%s\n", value);
+            if (std::strcmp(value, manageplatinfo.MgtURL) != 0) {
+                std::snprintf(manageplatinfo.MgtURL, sizeof manageplatinfo.MgtURL, "%s", value);
+                setcfgx(kQuickConf, "manageplataddr", value);
+            }
         }
     }
     const cJSON *port = cJSON_GetObjectItemCaseSensitive(obj, "ServerPort");
-    if (port != nullptr) {
-        std::string value = cJSON_IsNumber(port) ? std::to_string(port->valueint) : text_of(port);
+    unsigned number = 0;
+    if (port != nullptr && !qdq::acceptable_port(port, number)) {
+        refused("ServerPort");
+    } else if (port != nullptr) {
+        const std::string value = std::to_string(number);
         QDQ_LOG("manageplatport:%s\n", value.c_str());
-        unsigned number = static_cast<unsigned>(std::atoi(value.c_str()));
         if (number != manageplatinfo.port) {
             manageplatinfo.port = number;
             setcfgx(kQuickConf, "manageplatport", value.c_str());

@@ -6,6 +6,7 @@
 
 #include "common/log.h"
 #include "common/paths.h"
+#include "plugin/local_origin.h"
 #include "plugin/plugin_paths.h"
 #include "plugin/shellsafe.h"
 
@@ -86,6 +87,15 @@ int run_plugin(const char *name, const char *type, char *entryfile, int cpu, int
 extern "C" QDQ_API int HgCPluginRun(const char *name, const char *version, const char *type, char *entryfile, int cpu,
                                     int vram, int sockets) {
     (void)version;
+    // A plugin a local client installed runs as a user of its own, never as
+    // the daemon's user, and loads no kernel module.
+    const bool local = qdq::plugin_local_origin(name);
+    if (local && vram < 0) vram = 0;
+    if (local && sockets < 0) sockets = 0;
+    if (local && type != nullptr && std::strcmp(type, "ko") == 0) {
+        QDQ_LOG("HgCPluginRun: refused, a kernel module installed by a local order");
+        return -1;
+    }
     QDQ_LOG("HgCPluginRun start, pluginname:%s,filename:%s,cpulimit=%d,vRamLimit=%d,socketLimit=%d",
             name != nullptr ? name : "", entryfile != nullptr ? entryfile : "", cpu, vram, sockets);
     // Name and entry file become a user name, a directory and a program

@@ -36,6 +36,8 @@ int main(void) {
     bad += check(getSdkDevInfo() == &deviceinfo, "getSdkDevInfo");
     bad += check(strcmp(cubeplatinfo.status, "unconfigured") == 0, "status unconfigured");
     bad += check(gQuickLogSize == 2048, "gQuickLogSize default");
+    bad += check(gQuickLocalPluginOrders == 0, "local plugin orders off by default");
+    bad += check(gQuickLanInterface[0] == '\0' && sizeof gQuickLanInterface == 16, "gQuickLanInterface default");
 
     strcpy(getSdkDevInfo()->devsn, "ABCDEFGH1234567890XY");
     GetMacInSn(getSdkDevInfo()->devsn, "#");

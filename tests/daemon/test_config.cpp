@@ -30,6 +30,10 @@ TEST(DaemonConfig, BadValuesAreRefusedWithTheFieldNamed) {
         {R"({"platforms": {"manage": {"local_port": 1.5}}})", "platforms.manage.local_port: must be a whole number"},
         {R"({"platforms": {"plugin": {"local_port": 17200}}})", "platforms.plugin.local_port: unknown field"},
         {R"({"local": {"tcp_port": 65536}})", "local.tcp_port"},
+        {R"({"local": {"lan_interface": "-j"}})", "local.lan_interface: must be an interface name"},
+        {R"({"local": {"lan_interface": "br lan"}})", "local.lan_interface: must be an interface name"},
+        {R"({"local": {"lan_interface": "interface-name-16"}})", "local.lan_interface: longer than 15"},
+        {R"({"local": {"plugin_orders": 1}})", "local.plugin_orders: must be true or false"},
         {R"({"services": {"manage": "on"}})", "services.manage: must be true or false"},
         {R"({"root": "var/x"})", "root: must be an absolute path"},
         {R"({"root": "/tmp/a;rm"})", "root: must be an absolute path"},
@@ -50,7 +54,7 @@ TEST(DaemonConfig, GoodFileSetsEveryMember) {
                  "card": true, "register_type": 3, "pppoe_name": "user"},
       "platforms": {"cube": {"address": "cube.example", "port": 1, "local_port": 17150},
                     "plugin": {"address": "10.0.0.9", "port": 65535}},
-      "local": {"tcp_port": 19000, "refuse_tcp_clients": true},
+      "local": {"tcp_port": 19000, "refuse_tcp_clients": true, "plugin_orders": true, "lan_interface": "br-lan"},
       "services": {"cube": false, "quick_install": false},
       "plugins": {"run_after_install": false},
       "log_size_kib": -1, "retry_seconds": 5})";
@@ -68,6 +72,8 @@ TEST(DaemonConfig, GoodFileSetsEveryMember) {
     EXPECT_EQ(c.plugin.port, 65535u);
     EXPECT_EQ(c.local_tcp_port, 19000u);
     EXPECT_TRUE(c.refuse_tcp_clients);
+    EXPECT_TRUE(c.plugin_orders);
+    EXPECT_EQ(c.lan_interface, "br-lan");
     EXPECT_FALSE(c.quick_install);
     EXPECT_FALSE(c.run_after_install);
     EXPECT_EQ(c.log_size_kib, -1);

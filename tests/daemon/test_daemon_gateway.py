@@ -13,7 +13,7 @@ import time
 
 import pytest
 
-from conftest import BUNDLE, SERIAL, cli, eventually, find_process, local_udp, quick_install, up
+from conftest import BUNDLE, HOST, SERIAL, cli, eventually, find_process, local_tcp, local_udp, quick_install, up
 
 
 def ability(cmd_type: str) -> tuple[dict, dict]:
@@ -55,6 +55,19 @@ def test_whole_gateway_session_install_local_commands_and_shutdown(gateway, stop
         answer = cli(transport, json.dumps({"RPCMethod": "ListPlugin", "ID": transport}))
         assert answer["Result"] == 0 and answer["ID"] == transport
         assert {p["Plugin_Name"]: p["Status"] for p in answer["Plugin"]}[BUNDLE] == "Active"
+
+    # Anonymous local plugin orders act on nothing: no download, the plugin
+    # keeps running. (The order reaches the daemon's install hook before the
+    # answer leaves, so the answer is the moment to look.)
+    url = f"http://{HOST}:{g.sim.ports['packages']}/local-order.cpk"
+    lan_install = {"RPCMethod": "Install", "ID": "l1", "Plugin_Name": "com.lan.evil", "Version": "1",
+               "Download_url": url, "OS": 0}
+    lan_stop = {"RPCMethod": "Stop", "ID": "l2", "Plugin_Name": BUNDLE, "Version": "1.0"}
+    for ask in (lambda r: json.loads(local_udp(r)), local_tcp):
+        assert [ask(lan_install), ask(lan_stop)] == [{"ID": "l1", "Result": -15}, {"ID": "l2", "Result": -15}]
+    assert "com.lan.evil" not in g.daemon.text()
+    assert not [r for r in g.sim.records(platform="packages") if "local-order" in r["text"]]
+    assert find_process("sampleplugin")
 
     # Ability commands and the quick-install port (Base64 both ways) answer
     # from the live gateway. (The refusals: test_daemon_parts.cpp.)

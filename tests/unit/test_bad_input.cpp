@@ -46,6 +46,7 @@ const Services &services() {
     static const Services s = [] {
         quickevcb.quickinstall = quick_reply;
         manageplatinfo.localport = local::free_port(SOCK_DGRAM);
+        std::snprintf(manageplatinfo.curip, sizeof manageplatinfo.curip, "127.0.0.1");  // the manage platform's
         cubeplatinfo.localsrvport = local::free_port(SOCK_STREAM);
         std::thread(job_manager).detach();
         AppCreateTimerProcessThread();  // refusals arm timers: the tick runs from the start

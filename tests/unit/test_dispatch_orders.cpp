@@ -111,6 +111,25 @@ TEST_F(Orders, RequestDistriMovesThePlatformByMode) {
     EXPECT_EQ(run(order("RequestDistri", md5("OLDRNDSN123")), 2).result(), -1);  // busy
 }
 
+TEST_F(Orders, AcceptedOrdersKeepTheRecordForBrokenAddressOrPort) {
+    struct { const char *addr, *port, *record; } cases[] = {
+        {"\"10.1.1.1\\n[evil]\"", "null", "10.0.0.7:70"},
+        {"\"[evil]\"", "99999", "10.0.0.7:70"},
+        {"\"a b\"", "\"0\"", "10.0.0.7:70"},
+        {"\"[2001:db8::1]\"", "\"-1\"", "[2001:db8::1]:70"},
+        {"\"plug.example\"", "\"9001\"", "plug.example:9001"},
+    };
+    for (const auto &c : cases) {
+        SetUp();
+        std::snprintf(pluginplatinfo.MgtURL, 128, "10.0.0.7");
+        pluginplatinfo.port = 70;
+        const std::string msg = std::string(R"({"RPCMethod":"RequestPlug-in","Key":")") + md5("OLDRNDSN123") +
+                                R"(","ServerAddr":)" + c.addr + R"(,"ServerPort":)" + c.port + "}";
+        EXPECT_EQ(run(msg, 2).result(), 0) << msg;
+        EXPECT_EQ(std::string(pluginplatinfo.MgtURL) + ":" + std::to_string(pluginplatinfo.port), c.record) << msg;
+    }
+}
+
 TEST_F(Orders, ResendOverUdpAndTcpGivesUpAfterFour) {
     qdq::Fd plat = net::bound(SOCK_DGRAM);
     std::snprintf(manageplatinfo.curip, sizeof manageplatinfo.curip, "127.0.0.1");

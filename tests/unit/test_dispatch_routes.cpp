@@ -7,6 +7,7 @@
 
 #include "common/clock.h"
 #include "dispatch_helpers.h"
+#include "plugin/local_origin.h"
 #include "sim_process.h"
 
 using dt::armed;
@@ -53,10 +54,10 @@ TEST_F(Routes, CommandsAreAnsweredRefusedOrEchoed) {
         {3, R"({"RPCMethod":"Install","ID":1,"Download_url":"u","Plugin_size":9,"OS":5,"upgrade_ID":"U")" + nv, R"({"ID":1,"Result":0})"},
         {3, R"({"RPCMethod":"Install","Download_url":"u","OS":3)" + nv, R"({"Result":-7})"},
         {4, R"({"RPCMethod":"Install_query")" + nv, R"({"Result":0})"},
-        {4, R"({"RPCMethod":"Install_cancel","x":[])" + nv, R"({"x":[],"Result":0})"},
+        {3, R"({"RPCMethod":"Install_cancel","x":[])" + nv, R"({"x":[],"Result":0})"},
         {3, R"({"RPCMethod":"UnInstall")" + nv, R"({"Result":0})"}, {3, R"({"RPCMethod":"Stop")" + nv, R"({"Result":0})"},
         {3, R"({"RPCMethod":"UnInstall")" + nas, R"({"Result":-14})"}, {3, R"({"RPCMethod":"Stop")" + samba, R"({"Result":-14})"},
-        {3, R"({"RPCMethod":"Run")" + nv, R"({"Result":0})"}, {5, R"({"RPCMethod":"FactoryPlugin")" + nv, R"({"Result":0})"},
+        {3, R"({"RPCMethod":"Run")" + nv, R"({"Result":0})"}, {3, R"({"RPCMethod":"FactoryPlugin")" + nv, R"({"Result":0})"},
         {3, R"({"RPCMethod":"ListPlugin")" + nv, R"({"Plugin_Name":"p","Version":"1","Plugin":[],"Result":0})"},
         // a needed key missing or of the wrong type: refused whole
         {3, R"({"RPCMethod":"UnInstall","Version":"1","ID":2})", R"({"Result":-1})"}, {3, R"({"RPCMethod":"Stop","Plugin_Name":7,"Version":"1"})", R"({"Result":-1})"},
@@ -80,6 +81,48 @@ TEST_F(Routes, CommandsAreAnsweredRefusedOrEchoed) {
     EXPECT_EQ(run("", 3, true).text, kFailed);  // no text at all
     qdq::sleep_for(6);
     EXPECT_FALSE(net::logged(qdq::kLogMain, "HgProcessPlugPush start"));  // no push thread for OS 3
+}
+
+std::vector<std::string> g_hooked;  // "<hook> <name>" per plugin hook call
+int hooked(const char *hook, const char *name) { return g_hooked.push_back(std::string(hook) + " " + name), 0; }
+
+TEST_F(Routes, LocalPluginOrdersActOnlyWhenTheHostAllowsThem) {
+    qdqpluginhooks_t hooks{};
+    hooks.install = [](int, const char *n, const char *, const char *, int, const char *) { return hooked("install", n); };
+    hooks.run = [](const char *n, const char *) { return hooked("run", n); };
+    hooks.stop = [](const char *n, const char *) { return hooked("stop", n); };
+    hooks.uninstall = [](const char *n, const char *) { return hooked("uninstall", n); };
+    HgSetPluginHooks(&hooks);
+    const std::string nv = R"("ID":7,"Plugin_Name":"com.l.p","Version":"1")";
+    const std::string install = R"({"RPCMethod":"Install","Download_url":"http://127.0.0.1:9/x.cpk","OS":0,)" + nv + "}";
+    const std::string refused = R"({"ID":7,"Result":-15})";
+    struct { int type, allowed; std::string msg, expect, hooked; } cases[] = {
+        {5, 0, install, refused, ""}, {4, 0, install, refused, ""},
+        {5, 0, R"({"RPCMethod":"UnInstall",)" + nv + "}", refused, ""},
+        {4, 0, R"({"RPCMethod":"Run",)" + nv + "}", refused, ""},
+        {5, 0, R"({"RPCMethod":"Stop",)" + nv + "}", refused, ""},
+        {4, 0, R"({"RPCMethod":"FactoryPlugin",)" + nv + "}", refused, ""},
+        {5, 0, R"({"RPCMethod":"Install_cancel",)" + nv + "}", refused, ""},
+        // reading stays open; the platforms and an allowing host are obeyed
+        {5, 0, R"({"RPCMethod":"Install_query",)" + nv + "}", R"({"ID":7,"Result":0})", ""},
+        {4, 0, R"({"RPCMethod":"ListPlugin","ID":7})", R"({"ID":7,"Plugin":[],"Result":0})", ""},
+        {3, 0, install, R"({"ID":7,"Result":0})", "install com.l.p"},
+        {5, 1, install, R"({"ID":7,"Result":0})", "install com.l.p"},
+        {4, 1, R"({"RPCMethod":"Stop",)" + nv + "}", R"({"ID":7,"Result":0})", "stop com.l.p"},
+    };
+    for (const auto &c : cases) {
+        g_hooked.clear();
+        gQuickLocalPluginOrders = c.allowed;
+        dt::Reply r = run(c.msg, c.type);
+        gQuickLocalPluginOrders = 0;
+        qdq::JsonPtr want(cJSON_Parse(c.expect.c_str()));
+        EXPECT_TRUE(cJSON_Compare(r.json.get(), want.get(), true)) << c.type << " " << c.msg << " -> " << r.text;
+        EXPECT_EQ(g_hooked, c.hooked.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.hooked}) << c.msg;
+    }
+    HgSetPluginHooks(nullptr);
+    // Only the install a local client ordered is marked for confinement.
+    EXPECT_TRUE(qdq::plugin_local_origin("com.l.p"));
+    EXPECT_FALSE(qdq::plugin_local_origin("com.l.q"));
 }
 
 TEST_F(Routes, LocalEventIsPushedOnItsOwnThreadAndVerified) {

@@ -51,6 +51,7 @@ TEST(LocalUdp, ManagePortSkipsEmptyDispatchReopensAfterErrorEndsOnDisconnect) {
     const unsigned port = local::free_port(SOCK_DGRAM);
     manageplatinfo.localport = port;
     manageplatinfo.tcpflag = 0;
+    std::snprintf(manageplatinfo.curip, sizeof manageplatinfo.curip, "127.0.0.1");
     qdq_test::platform().reset();
     // Timer 19 starts it, occupying the expiry thread.
     std::thread([] { QdTimeoutHandle(19); }).detach();
@@ -65,6 +66,15 @@ TEST(LocalUdp, ManagePortSkipsEmptyDispatchReopensAfterErrorEndsOnDisconnect) {
     c.send(port, "{\"Result\":2}");
     c.send(port, local::ping(5));
     EXPECT_EQ(local::json_int(c.recv(), "Seq"), 5);
+
+    // Only the manage platform is served: a datagram from another address
+    // is dropped unanswered; the heartbeat address counts as the platform's.
+    std::snprintf(manageplatinfo.curip, sizeof manageplatinfo.curip, "127.0.0.2");
+    c.send(port, local::ping(7));
+    ASSERT_TRUE(local::wait_until([] { return net::logged(qdq::kLogMain, "dropped, not the manage platform"); }));
+    std::snprintf(manageplatinfo.heartbeatip, sizeof manageplatinfo.heartbeatip, "127.0.0.1");
+    c.send(port, local::ping(8));
+    EXPECT_EQ(local::json_int(c.recv(), "Seq"), 8);
 
     // A receive error (the descriptor no longer a socket) re-opens the
     // socket on the same port and opens the firewall again.
@@ -112,6 +122,25 @@ TEST(LocalUdp, RefusesOtherSourcesAndEndsWhenThePortIsTaken) {
     EXPECT_EQ(StartProcessUdpRequest(&type), -1);
     EXPECT_EQ(manageplatinfo.socketfd, -1);
     EXPECT_EQ(net::open_fds(), fds);
+}
+
+TEST(LocalUdp, FirewallRulesTakeTheLanInterfaceWhenSet) {
+    const std::string d = "RunSystemCmd iptables -D INPUT ", i = "RunSystemCmd iptables -I INPUT 1 ",
+                      rule = "-p tcp --dport 5555 -j ACCEPT";
+    struct { const char *ifname; std::vector<std::string> calls; } cases[] = {
+        {"", {d + rule, i + rule}},
+        {"br-lan", {d + rule, d + "-i br-lan " + rule, i + "-i br-lan " + rule}},
+        {"eth0.2+", {d + rule, d + "-i eth0.2+ " + rule, i + "-i eth0.2+ " + rule}},
+        // not an interface name: the port stays closed rather than open to all
+        {"-j", {d + rule}}, {"br lan", {d + rule}}, {"a+b", {d + rule}},
+    };
+    for (const auto &c : cases) {
+        qdq_test::platform().reset();
+        std::snprintf(gQuickLanInterface, sizeof gQuickLanInterface, "%s", c.ifname);
+        qdq::open_firewall_port("tcp", 5555);
+        EXPECT_EQ(qdq_test::platform().calls_named("RunSystemCmd"), c.calls) << c.ifname;
+    }
+    gQuickLanInterface[0] = '\0';
 }
 
 // The host's slot 3: "silent" gets no reply, anything else an ACK.

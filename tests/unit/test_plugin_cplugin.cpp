@@ -15,6 +15,7 @@
 
 #include "net_helpers.h"
 #include "platform_double.h"
+#include "plugin/local_origin.h"
 #include "qdquick/qdquick.h"
 
 namespace {
@@ -222,12 +223,15 @@ TEST_F(CPlugin, LimitRulesKeepTheWorkingDirectory) {
         int cpu, vram, sockets;
         const char *limiter;  // cpulimit percentage, or none
         std::string line;     // logged start line; "setuidgid" = own user
+        bool local = false;   // installed by a local client's order
     } cases[] = {
         {1, -1, -1, "1", "without resource limit,cmd:./p0&"},
         {3, -1, -1, "1", "without resource limit,cmd:./p1&"},
         {0, 0, 0, nullptr, "with resource limit,cmd:ulimit -n 1024 -v unlimited ;setuidgid s2 ./p2&"},
         {-1, -1, 64, nullptr, "with resource limit,cmd:ulimit -n 64 -v  ;./p3&"},
         {8, 2048, 10, "4", "with resource limit,cmd:ulimit -n 10 -v 2048 ;setuidgid s4 ./p4&"},
+        // whatever its descriptor claims, a locally ordered plugin is confined
+        {-1, -1, -1, nullptr, "with resource limit,cmd:ulimit -n 1024 -v unlimited ;setuidgid s5 ./p5&", true},
     };
     for (size_t i = 0; i < std::size(cases); ++i) {
         const auto &c = cases[i];
@@ -237,13 +241,14 @@ TEST_F(CPlugin, LimitRulesKeepTheWorkingDirectory) {
         qdq_test::write_file(dir + "/" + p, "#!/bin/sh\ntouch ran\n");  // made executable by the run
         char entry[16];
         snprintf(entry, sizeof entry, "bin/%s", p.c_str());
+        if (c.local) qdq::plugin_mark_local_origin(("com.x." + s).c_str());
         EXPECT_EQ(HgCPluginRun(("com.x." + s).c_str(), "1", "app", entry, c.cpu, c.vram, c.sockets), 0) << s;
         EXPECT_EQ(entry, p);  // cut to its last component
         EXPECT_EQ(grep(main_log(), c.line).size(), 1u) << s;
         Lines limiter = c.limiter ? Lines{"cpulimit -e " + p + " -b -l " + c.limiter} : Lines{};
         EXPECT_EQ(grep(tools(), "cpulimit -e " + p + " ", limiter.size()), limiter) << s;
         if (c.line.find("setuidgid") != std::string::npos) {
-            EXPECT_EQ(grep(tools(), "setuidgid " + s), Lines{"setuidgid " + s + " ./" + p});
+            EXPECT_EQ(grep(tools(), "setuidgid " + s, 1), Lines{"setuidgid " + s + " ./" + p});
             EXPECT_EQ(grep(tools(), "adduser " + s + " -DH").size(), 1u);
         } else {  // the daemon's user starts it in its own directory
             for (int w = 0; w < 500 && !exists(dir + "/ran"); ++w) usleep(10000);
@@ -260,6 +265,9 @@ TEST_F(CPlugin, KernelModuleAndStopRules) {
     char entry[] = "drv/mod.ko";
     EXPECT_EQ(HgCPluginRun("com.x.kmod", "1", "ko", entry, 5, -1, -1), 0);
     EXPECT_EQ(grep(tools()), Lines{"insmod " + dir});  // the directory; a module gets no limiter
+    qdq::plugin_mark_local_origin("com.y.kmod");  // a local order never loads a module
+    EXPECT_EQ(HgCPluginRun("com.y.kmod", "1", "ko", entry, 5, -1, -1), -1);
+    EXPECT_EQ(grep(tools()), Lines{"insmod " + dir});
     struct {
         const char *type, *name, *entry;
         Lines tools, stopped;

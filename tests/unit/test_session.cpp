@@ -226,6 +226,10 @@ TEST_F(ReplyProcess, HeartbeatOutcomes) {
         {2, "{\"Result\":0,\"Interval\":30}", 2, 1, 0, "2 wait_heatbeat 0", {{13, 30}}, 0, 0},
         {2, "{\"Result\":1}", 0, 1, 1, "2 wait_heatbeat 1", {{13, 60}}, 0, 1},
         {3, "{\"Result\":0}", 0, 0, 0, "3 wait_heatbeat 0", {{15, 60}}, 0, 0},
+        // an interval below 1 s: the platform's default, never a dead cycle
+        {2, "{\"Result\":0,\"Interval\":0}", 0, 0, 0, "2 wait_heatbeat 0", {{13, 60}}, 0, 0},
+        {3, "{\"Result\":0,\"Interval\":-5}", 0, 0, 0, "3 wait_heatbeat 0", {{15, 20}}, 0, 0},
+        {3, "{\"Result\":0,\"Interval\":null}", 0, 0, 0, "3 wait_heatbeat 0", {{15, 20}}, 0, 0},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(std::to_string(c.type) + " " + (c.reply ? c.reply : "timeout"));
@@ -270,6 +274,46 @@ TEST_F(ReplyProcess, RegisterReplyAddresses) {
     EXPECT_EQ(manageplatinfo.port, 60009u);
     EXPECT_EQ(qdq_test::platform().setcfg.size(), 2u);
     EXPECT_EQ(ProcessRegReply("{\"Interval\":5}", &manageplatinfo), -1);
+}
+
+TEST_F(ReplyProcess, BrokenAddressesPortsAndIntervalsLeaveTheConfiguredOnes) {
+    struct {
+        const char *reply;
+        const char *manage;  // "MgtURL:port heartbeatip:heartbeatport interval"
+        std::vector<std::string> written;
+    } cases[] = {
+        {R"({"Result":2,"ServerAddr":"10.0.0.8\n[evil]","ServerPort":null,"Interval":0})",
+         "10.0.0.9:60001 10.0.0.1:9000 60", {}},
+        {R"({"Result":2,"ServerAddr":"[evil]","ServerPort":99999,"HeartbeatIPAddr":"a\rb:9"})",
+         "10.0.0.9:60001 10.0.0.1:9000 33", {}},
+        {R"({"Result":2,"ServerAddr":7,"ServerPort":"0","HeartbeatIPAddr":"10.0.0.2:0","Interval":-5})",
+         "10.0.0.9:60001 10.0.0.1:9000 60", {}},
+        {R"({"Result":2,"ServerPort":"6x","HeartbeatIPAddr":"10.0.0.2:70000","PluginServer":"p q:80"})",
+         "10.0.0.9:60001 10.0.0.1:9000 33", {}},
+        {R"({"Result":2,"ServerAddr":"[fd00::8]","ServerPort":60002.5,"MessageServer":"m\t:1"})",
+         "[fd00::8]:60001 10.0.0.1:9000 33", {"manageplataddr [fd00::8]"}},
+        {R"({"Result":2,"ServerAddr":"gw-2.example","ServerPort":60009,"HeartbeatIPAddr":"hb_1.example"})",
+         "gw-2.example:60009 hb_1.example:60001 33", {"manageplataddr gw-2.example", "manageplatport 60009"}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.reply);
+        SetUp();
+        std::snprintf(manageplatinfo.MgtURL, 128, "10.0.0.9");
+        std::snprintf(manageplatinfo.heartbeatip, 64, "10.0.0.1");
+        std::snprintf(pluginplatinfo.MgtURL, 128, "10.0.0.7");
+        std::snprintf(messageserver.addr, 64, "10.0.0.6");
+        manageplatinfo.port = 60001, manageplatinfo.heartbeatport = 9000, manageplatinfo.interval = 33;
+        EXPECT_EQ(ProcessRegReply(c.reply, &manageplatinfo), 2);
+        char got[256];
+        std::snprintf(got, sizeof got, "%s:%u %s:%u %u", manageplatinfo.MgtURL, manageplatinfo.port,
+                      manageplatinfo.heartbeatip, manageplatinfo.heartbeatport, manageplatinfo.interval);
+        EXPECT_STREQ(got, c.manage);
+        EXPECT_STREQ(pluginplatinfo.MgtURL, "10.0.0.7");
+        EXPECT_STREQ(messageserver.addr, "10.0.0.6");
+        std::vector<std::string> written;
+        for (const std::string &w : qdq_test::platform().setcfg) written.push_back(w.substr(w.find(' ') + 1));
+        EXPECT_EQ(written, c.written);
+    }
 }
 
 TEST_F(ReplyProcess, UnchangedStatusIsNotReported) {
