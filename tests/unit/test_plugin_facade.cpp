@@ -56,6 +56,32 @@ TEST(PluginFacade, DescriptorRules) {
     EXPECT_EQ(read("Version: 2.6\n", rec), DescResult::VersionMismatch);
 }
 
+// The descriptor file of a package is read only when it is a regular file
+// of bounded size: a link to /dev/zero would spin for ever, a FIFO block.
+TEST(PluginFacade, DescriptorFileMustBeASmallRegularFile) {
+    const std::string dir = qdq_test::in_root("/tmp/desc/");
+    ASSERT_EQ(system(("mkdir -p '" + dir + "folder' && ln -sf /dev/zero '" + dir + "zero' && mkfifo '" + dir + "fifo'")
+                         .c_str()),
+              0);
+    qdq_test::write_file(dir + "good", "Name: com.a.b\nVersion: 1\n");
+    qdq_test::write_file(dir + "nameless", "Version: 1\nType: app\n");
+    qdq_test::write_file(dir + "huge", "Name: com.a.b\n" + std::string(qdq::plugin::kMaxDescriptor, '#'));
+    ASSERT_EQ(system(("ln -sf good '" + dir + "link'").c_str()), 0);
+    struct {
+        const char *file;
+        DescResult want;
+    } cases[] = {
+        {"good", DescResult::Ok},          {"nameless", DescResult::NoName},  {"zero", DescResult::Unreadable},
+        {"fifo", DescResult::Unreadable},  {"folder", DescResult::Unreadable}, {"huge", DescResult::Unreadable},
+        {"link", DescResult::Unreadable},  {"absent", DescResult::Unreadable},
+    };
+    for (const auto &c : cases) {
+        cplugininstinfo rec{};
+        snprintf(rec.name, sizeof rec.name, "com.a.b");
+        EXPECT_EQ(qdq::plugin::read_descriptor_file(dir + c.file, rec), c.want) << c.file;
+    }
+}
+
 TEST(PluginFacade, UninstallFlagsAreReadForTheProtectedBundles) {
     qdq_test::platform().reset();
     int *flags = HgGetPluginUnistallFlag();
