@@ -277,6 +277,16 @@ TEST_F(CPlugin, HostilePackagesWriteAndStartNothing) {
         EXPECT_EQ(exists(in_root("/tmp/ran-" + c.s)), ok) << c.s;
         EXPECT_EQ(exists(in_root("/qdconf/CPlugin/" + c.s)), ok) << c.s;
     }
+    // A plugin whose MyPlugin or Data has become a link is neither changed
+    // nor started.
+    const std::string moved = in_root("/qdconf/CPlugin/moved/");
+    for (const char *sub : {"MyPlugin", "Data"}) {
+        sh("rm -rf '" + moved + "' && mkdir -p '" + moved + "MyPlugin' && rm -rf '" + moved + sub + "' && ln -s '" +
+           outside + "' '" + moved + sub + "'");
+        char entry[] = "victim";
+        EXPECT_EQ(HgCPluginRun("com.h.moved", "1", "app", entry, 0, 0, 0), -1) << sub;
+    }
+    EXPECT_EQ(grep(tools(), "moved"), Lines{});
     struct stat st;
     for (const char *sub : {"MyPlugin", "Data"})
         EXPECT_TRUE(lstat((left + sub).c_str(), &st) == 0 && S_ISDIR(st.st_mode)) << sub;
