@@ -43,7 +43,18 @@ void name_version_command(cJSON *object, NameVersionCall call, bool guard_protec
 
 void HgProcessPluginUniInstall(cJSON *object) { name_version_command(object, HgUnInstallPlugin, true); }
 void HgProcessPluginStop(cJSON *object) { name_version_command(object, HgPluginStop, true); }
-void HgProcessPluginQuery(cJSON *object) { name_version_command(object, HgQueryPluginInstallProgress, false); }
+void HgProcessPluginQuery(cJSON *object) {
+    // While the package downloads, the answer also says how far it is.
+    long long done = 0, expected = 0;
+    const char *name = qdq::cmd_text(object, "Plugin_Name");
+    const bool downloading = name != nullptr && HgGetCpluginDownload(name, &done, &expected) == 0;
+    name_version_command(object, HgQueryPluginInstallProgress, false);
+    const cJSON *result = cJSON_GetObjectItemCaseSensitive(object, "Result");
+    if (!downloading || !cJSON_IsNumber(result) || result->valueint != 0) return;
+    cJSON_AddStringToObject(object, "Status", "Downloading");
+    cJSON_AddNumberToObject(object, "Downloaded", static_cast<double>(done));
+    cJSON_AddNumberToObject(object, "Plugin_size", static_cast<double>(expected));
+}
 void HgProcessPluginInstallCancel(cJSON *object) { name_version_command(object, HgPluginInstallCancel, false); }
 void HgProcessPluginRun(cJSON *object) { name_version_command(object, HgPluginRun, false); }
 void HgProcessFactoryPlugin(cJSON *object) { name_version_command(object, HgFactoryPlugin, false); }

@@ -2,6 +2,7 @@
 // server and unpacked with tar, the reported status sequence, starts and
 // stops with fake privileged tools (first on PATH, recording their command
 // lines), refused injection attempts, and the install-result push check.
+#include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -301,13 +302,19 @@ TEST_F(CPlugin, HostilePackagesWriteAndStartNothing) {
 TEST_F(CPlugin, SlowDownloadReportsProgress) {
     static std::mutex seen_mutex;
     static std::vector<std::pair<long long, long long>> seen;
+    static std::string query;  // an "Install_query" answer while it downloads
     qdqpluginhooks_t hooks{};
     hooks.status = [](const char *name, const char *, const char *status, const char *) {
         long long done = -1, expected = -1;
-        if (std::string(status) == "Downloading" && HgGetCpluginDownload(name, &done, &expected) == 0) {
-            std::lock_guard<std::mutex> lock(seen_mutex);
-            seen.emplace_back(done, expected);
-        }
+        if (std::string(status) != "Downloading" || HgGetCpluginDownload(name, &done, &expected) != 0) return;
+        std::lock_guard<std::mutex> lock(seen_mutex);
+        seen.emplace_back(done, expected);
+        if (done == 0 || !query.empty()) return;
+        char *out = nullptr;
+        int plattype = 3;
+        std::string ask = std::string(R"({"RPCMethod":"Install_query","Version":"1.0","Plugin_Name":")") + name + "\"}";
+        if (HGProcessPlatJsonMsg(ask.c_str(), &out, &plattype) > 0) query = out;
+        free(out);
     };
     HgSetPluginHooks(&hooks);
     const size_t blob = 96 * 1024;
@@ -325,6 +332,13 @@ TEST_F(CPlugin, SlowDownloadReportsProgress) {
             return p.first > 0 && p.first < st.st_size && p.second == want;
         });
         EXPECT_GE(partial, 2u) << name;
+        cJSON *answer = cJSON_Parse(query.c_str());
+        auto number = [&](const char *key) { return cJSON_GetNumberValue(cJSON_GetObjectItem(answer, key)); };
+        EXPECT_STREQ(cJSON_GetStringValue(cJSON_GetObjectItem(answer, "Status")), "Downloading") << query;
+        EXPECT_TRUE(number("Downloaded") > 0 && number("Downloaded") < st.st_size) << query;
+        EXPECT_EQ(number("Plugin_size"), double(want)) << query;
+        cJSON_Delete(answer);
+        query.clear();
         EXPECT_EQ(HgGetCpluginDownload(name.c_str(), nullptr, nullptr), -1);  // over
     }
     HgSetPluginHooks(nullptr);
