@@ -114,6 +114,7 @@ const char *apply_pax(const std::string &records, std::string &path, bool &have_
         if (eq == std::string::npos) return "a broken pax header";
         std::string key = record.substr(0, eq), value = record.substr(eq + 1);
         if (key == "path") {
+            if (have_path) return "two names for one entry";
             path = value;
             have_path = true;
         } else if (key == "size") {
@@ -175,6 +176,8 @@ std::string check_tar(std::FILE *in, const PackageLimits &limits) {
         if (!octal(h + 124, 12, size)) return "a damaged size field";
         unsigned char type = h[156];
         if (type == 'L') {
+            // tar implementations differ on which of two long names wins.
+            if (have_path) return "two names for one entry";
             if (size > kMaxLongName) return "an over-long name";
             path.clear();
             if (!read_data(in, size, &path)) return "a truncated archive";
