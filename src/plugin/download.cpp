@@ -108,10 +108,10 @@ void report(const Download &d, long long done, long long expected, bool first) {
     // refresh what the host shows.
     if (first) {
         HgSetCpluginStatus(d.name.c_str(), d.version.c_str(), "Downloading", d.upgradeid.c_str());
-    } else {
-        qdqpluginhooks_t hooks = qdq::plugin_hooks();
-        if (hooks.status != nullptr) hooks.status(d.name.c_str(), d.version.c_str(), "Downloading", d.upgradeid.c_str());
+        return;
     }
+    qdqpluginhooks_t hooks = qdq::plugin_hooks();
+    if (hooks.status != nullptr) hooks.status(d.name.c_str(), d.version.c_str(), "Downloading", d.upgradeid.c_str());
 }
 
 // Closes the shell's pipe on every path (cancellation included).
@@ -133,7 +133,8 @@ int download(const Download &d) {
     // In the background so that this thread can watch the file grow: the
     // shell names wget's pid, then reports its status (this process may
     // ignore SIGCHLD, so it could not wait for wget itself).
-    ShellPipe shell{popen((wget + " </dev/null >/dev/null 2>&1 & echo \"$!\"; wait \"$!\"; echo \"$?\"").c_str(), "re")};
+    const std::string watched = wget + " </dev/null >/dev/null 2>&1 & echo \"$!\"; wait \"$!\"; echo \"$?\"";
+    ShellPipe shell{popen(watched.c_str(), "re")};
     if (shell.fp == nullptr) return -1;
     ProgressEntry entry(d.name, d.expected);
     long long expected = d.expected, last = 0;

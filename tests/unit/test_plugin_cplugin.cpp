@@ -220,7 +220,9 @@ TEST_F(CPlugin, HostilePackagesWriteAndStartNothing) {
     chmod(victim.c_str(), 0644);
     qdq_test::write_file(in_root("/tmp/mkcpk.py"), kMakeCpk);
     auto desc = [](const std::string &s) { return "f:Info.plugin:" + info("com.h." + s, "1"); };
-    auto prog = [](const std::string &s) { return "f:MyPlugin/prog:#!/bin/sh\ntouch " + in_root("/tmp/ran-" + s) + "\n"; };
+    auto prog = [](const std::string &s) {
+        return "f:MyPlugin/prog:#!/bin/sh\ntouch " + in_root("/tmp/ran-" + s) + "\n";
+    };
     const Lines refused = {"Downloading", "Installing", "install_failed"};
     const std::string link = "a symbolic link", climb = "a name with \"..\"";
     struct {
