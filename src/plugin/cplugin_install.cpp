@@ -1,6 +1,7 @@
 // HgDownLoadCpluginAndProcess: fetches a C plugin package (or takes a system
-// package from the local file system), unpacks it into the plugin directory,
-// checks its descriptor, prepares libraries, data and scratch directories,
+// package from the local file system), checks and unpacks it in a work
+// folder of its own, checks its descriptor, moves it into the plugin
+// directory, prepares libraries, data and scratch directories,
 // reports each step through HgSetCpluginStatus and starts the plugin when
 // asked. Every value that reaches a command is checked or quoted first.
 #include <sys/stat.h>
