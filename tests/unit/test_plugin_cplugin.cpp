@@ -58,6 +58,13 @@ struct HttpServer {
             char buf[4096];  // request line and headers come in one segment on loopback
             ssize_t n = net::wait_in(c.get()) ? recv(c.get(), buf, sizeof buf, 0) : 0;
             std::string req(buf, size_t(std::max<ssize_t>(n, 0)));
+            if (req.compare(0, 12, "GET /endless") == 0) {  // zeros until the client gives up
+                std::string zeros(65536, '\0'), head = "HTTP/1.0 200 OK\r\n\r\n";
+                send(c.get(), head.data(), head.size(), MSG_NOSIGNAL);
+                while (!stop && send(c.get(), zeros.data(), zeros.size(), MSG_NOSIGNAL) > 0) {
+                }
+                continue;
+            }
             std::string file = req.size() > 5 ? in_root("/srv/") + req.substr(5, req.find_first_of(" ?", 5) - 5) : "";
             std::string body = qdq_test::read_file(file), head = exists(file) ? "200 OK" : "404 Not Found";
             std::string reply =
@@ -345,6 +352,13 @@ TEST_F(CPlugin, SlowDownloadReportsProgress) {
     }
     HgSetPluginHooks(nullptr);
     EXPECT_FALSE(grep(main_log(), "wget: Length: ").empty());  // wget's output is in the log
+}
+
+// A package that never ends is stopped at the size bound.
+TEST_F(CPlugin, EndlessDownloadIsStopped) {
+    EXPECT_EQ(install("com.t.endless", "1", server.url("endless.cpk")),
+              (Lines{"Downloading", "X_BROADCOM_COM_DnldFailed"}));
+    EXPECT_EQ(grep(main_log(), "download stopped: package too large").size(), 1u);
 }
 
 TEST_F(CPlugin, InjectionAttemptsRunNothing) {
