@@ -121,7 +121,9 @@ int plugin_install(int os, const char *name, const char *version, const char *ur
 
 void plugin_status(const char *name, const char *version, const char *status, const char *upgradeid) {
     if (name == nullptr || status == nullptr) return;
-    say("plugin %s %s: %s", name, version != nullptr ? version : "", status);
+    // "Downloading" comes again with every bit of progress: said once.
+    if (std::strcmp(status, "Downloading") != 0 || status_of(name) != status)
+        say("plugin %s %s: %s", name, version != nullptr ? version : "", status);
     set_status(name, version != nullptr ? version : "", status);
     // The platform learns the outcome of its order from the library's push.
     if (is_final(status)) HgCplugPushCheck(name, version, status, upgradeid);
@@ -156,6 +158,11 @@ void plugins_add_to_list(cJSON *list) {
         cJSON_AddStringToObject(item, "Plugin_Name", name.c_str());
         cJSON_AddStringToObject(item, "Version", p.version.c_str());
         cJSON_AddStringToObject(item, "Status", p.status.c_str());
+        long long done = 0, expected = 0;
+        if (p.status == "Downloading" && HgGetCpluginDownload(name.c_str(), &done, &expected) == 0) {
+            cJSON_AddNumberToObject(item, "Downloaded", static_cast<double>(done));
+            cJSON_AddNumberToObject(item, "Plugin_size", static_cast<double>(expected));
+        }
         cJSON_AddItemToArray(list, item);
     }
 }

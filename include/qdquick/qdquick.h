@@ -417,6 +417,11 @@ QDQ_API int IsOSGIFormat(const char *filename);
 QDQ_API int *HgGetPluginUnistallFlag(void);
 /* Thread body: record is a cplugininstinfo; the thread works on a copy. */
 QDQ_API void *HgDownLoadCpluginAndProcess(void *record);
+/* While the package of plugin `name` downloads (its status "Downloading"):
+ * bytes received so far and bytes expected (the order's "Plugin_size", else
+ * the server's length, 0 when neither is known); returns 0. -1 when no
+ * download of that plugin runs. Either pointer may be NULL. */
+QDQ_API int HgGetCpluginDownload(const char *name, long long *done, long long *expected);
 QDQ_API int HgCPluginRun(const char *name, const char *version, const char *type,
                          char *entryfile, int cpu, int vram, int sockets);
 QDQ_API int ProcessCPluginStop(const char *name, const char *version, const char *type,

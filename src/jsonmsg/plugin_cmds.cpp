@@ -49,7 +49,18 @@ void name_version_command(cJSON *object, NameVersionCall call, Target target) {
 
 void HgProcessPluginUniInstall(cJSON *object) { name_version_command(object, HgUnInstallPlugin, Target::named); }
 void HgProcessPluginStop(cJSON *object) { name_version_command(object, HgPluginStop, Target::named); }
-void HgProcessPluginQuery(cJSON *object) { name_version_command(object, HgQueryPluginInstallProgress, Target::any); }
+void HgProcessPluginQuery(cJSON *object) {
+    // While the package downloads, the answer also says how far it is.
+    long long done = 0, expected = 0;
+    const char *name = qdq::cmd_text(object, "Plugin_Name");
+    const bool downloading = name != nullptr && HgGetCpluginDownload(name, &done, &expected) == 0;
+    name_version_command(object, HgQueryPluginInstallProgress, Target::any);
+    const cJSON *result = cJSON_GetObjectItemCaseSensitive(object, "Result");
+    if (!downloading || !cJSON_IsNumber(result) || result->valueint != 0) return;
+    cJSON_AddStringToObject(object, "Status", "Downloading");
+    cJSON_AddNumberToObject(object, "Downloaded", static_cast<double>(done));
+    cJSON_AddNumberToObject(object, "Plugin_size", static_cast<double>(expected));
+}
 void HgProcessPluginInstallCancel(cJSON *object) { name_version_command(object, HgPluginInstallCancel, Target::any); }
 void HgProcessPluginRun(cJSON *object) { name_version_command(object, HgPluginRun, Target::any); }
 void HgProcessFactoryPlugin(cJSON *object) { name_version_command(object, HgFactoryPlugin, Target::any); }

@@ -1,8 +1,11 @@
 // HgDownLoadCpluginAndProcess: fetches a C plugin package (or takes a system
-// package from the local file system), unpacks it into the plugin directory,
-// checks its descriptor, prepares libraries, data and scratch directories,
+// package from the local file system), checks and unpacks it in a work
+// folder of its own, checks its descriptor, moves it into the plugin
+// directory, prepares libraries, data and scratch directories,
 // reports each step through HgSetCpluginStatus and starts the plugin when
 // asked. Every value that reaches a command is checked or quoted first.
+#include <sys/stat.h>
+
 #include <cstring>
 #include <exception>
 #include <string>
@@ -10,6 +13,9 @@
 #include "common/log.h"
 #include "common/paths.h"
 #include "plugin/descriptor.h"
+#include "plugin/download.h"
+#include "plugin/package_check.h"
+#include "plugin/package_tree.h"
 #include "plugin/plugin_log.h"
 #include "plugin/plugin_paths.h"
 #include "plugin/shellsafe.h"
@@ -52,10 +58,21 @@ public:
             run_logged("cmdbuf:", "mkdir " + sq(root));
         }
         dir_ = plugin_dir(shortname_);
-        run_logged("cmdbuf:", "mkdir -p " + sq(dir_));
-        if (!(system_ ? unpack_system_package() : download_and_unpack())) return;
+        // Everything is fetched and unpacked into a fresh folder of its own
+        // and moved into the plugin folder only once it checks out: nothing
+        // of a refused package (and nothing a link could redirect) lands.
+        WorkDir work(shortname_);
+        if (!work.ok()) return failed();
+        work_ = work.path();
+        stage_ = work_ + "new";
+        plugin_size_ = take_plugin_size(rec_.name, rec_.url);
+        limits_ = package_limits(plugin_size_);
+        std::string package;
+        if (!(system_ ? system_package(package) : download_package(package))) return;
+        if (!untar("-zxf", package, stage_, true)) return;
+        if (read_descriptor_file(stage_ + "/Info.plugin", rec_) != DescResult::Ok || !descriptor_ok()) return failed();
+        if (!put_in_place()) return failed();
         link_libraries();
-        if (!read_descriptor_file() || !descriptor_ok()) return failed();
         if (HgAddCpluginToList(&rec_) != 0) return;
         status("Installed");
         prepare_data_dir();
@@ -72,7 +89,9 @@ private:
     // every one of them is a plain word (or a URL that quotes safely).
     bool request_ok() {
         const char *bad = nullptr;
-        if (!is_plain(rec_.name, false) || !is_plain(short_name(rec_.name).c_str(), false))
+        std::string shortname = short_name(rec_.name);
+        // "Lib" would make the plugin's folder the common library folder.
+        if (!is_plain(rec_.name, false) || !is_plain(shortname.c_str(), false) || shortname == "Lib")
             bad = "name";
         else if (rec_.version[0] != '\0' && !is_plain(rec_.version, false))
             bad = "version";
@@ -94,41 +113,59 @@ private:
         return bad == nullptr;
     }
 
-    // The text after the last '/', or false (logged, install_failed).
-    bool file_name(std::string &out) {
+    // The text after the last '/' of the URL, or false (logged, install_failed).
+    bool file_name(std::string &out, bool quiet = false) {
         const char *slash = std::strrchr(rec_.url, '/');
         if (slash == nullptr || slash[1] == '\0') {
+            if (quiet) return false;
             QDQ_LOG("don't find tar filename");
             failed();
             return false;
         }
         out = slash + 1;
-        QDQ_LOG("tar name %s", out.c_str());
+        if (!quiet) QDQ_LOG("tar name %s", out.c_str());
         return true;
     }
 
-    bool untar(const char *flags, const std::string &archive) {
-        int rc = run_logged("cmdbuf:", std::string("tar ") + flags + " " + sq(archive) + " -C " + sq(dir_));
-        QDQ_LOG("tar system return:%d", rc);
-        if (rc == 0) return true;
+    // Checks what the archive holds, unpacks it into the fresh folder `into`
+    // (owners and modes from the archive are not kept) and checks what tar
+    // left there.
+    bool untar(const char *flags, const std::string &archive, const std::string &into, bool gzipped) {
+        std::string why = check_package(archive, gzipped, limits_);
+        if (why.empty()) {
+            if (mkdir(into.c_str(), 0755) != 0) why = "no folder to unpack into";
+        }
+        if (why.empty()) {
+            int rc = run_logged("cmdbuf:", std::string("tar ") + flags + " " + sq(archive) + " -C " + sq(into) +
+                                               " --no-same-owner --no-same-permissions");
+            QDQ_LOG("tar system return:%d", rc);
+            why = rc == 0 ? verify_tree(into, limits_) : "tar failed";
+        }
+        if (why.empty()) return true;
         QDQ_LOG("app untar failed!");
+        QDQ_LOG("package of %s refused: %s", rec_.name, why.c_str());
         failed();
         return false;
     }
 
-    bool unpack_system_package() {
+    bool system_package(std::string &package) {
         std::string name;
-        return file_name(name) && untar("-zxvf", qdq::path(rec_.url));
+        if (!file_name(name)) return false;
+        package = qdq::path(rec_.url);
+        return true;
     }
 
-    void remove_packages() {
-        run_logged("rm cmd:", "rm " + sq(dir_) + "*.cpk");
-        run_logged("rm cmd:", "rm " + sq(dir_) + "*.tar");
-    }
-
-    bool download_and_unpack() {
-        remove_packages();
-        int rc = run_logged("download cmd:", "wget -P " + sq(dir_) + " " + sq(rec_.url));
+    bool download_package(std::string &package) {
+        Download d;
+        d.name = rec_.name;
+        d.version = rec_.version;
+        d.upgradeid = rec_.upgradeid;
+        d.url = rec_.url;
+        d.dir = work_ + "dl/";
+        d.log = work_ + "wget.log";
+        d.expected = plugin_size_;
+        file_name(d.file, true);
+        int rc = mkdir(d.dir.c_str(), 0755) == 0 ? download(d) : -1;
         QDQ_LOG("download system return:%d", rc);
         if (rc != 0) {
             QDQ_LOG("download cplugin failed!");
@@ -140,18 +177,30 @@ private:
         status("Installing");
         std::string file;
         if (!file_name(file)) return false;
+        package = d.dir + file;
         if (std::strstr(rec_.url, "tar") != nullptr) {
             // A plain tar wraps the real package, named <stem>__QD__.cpk.
-            if (!untar("-xvf", dir_ + file)) return false;
+            // (Without ".tar" in the name the file is the package itself.)
             std::size_t at = file.find(".tar");
             if (at != std::string::npos) {
+                std::string outer = work_ + "outer";
+                if (!untar("-xf", package, outer, false)) return false;
                 file = file.substr(0, at) + "__QD__.cpk";
                 QDQ_LOG("taroldname:%s", file.c_str());
+                package = outer + "/" + file;
             }
         }
-        if (!untar("-zxvf", dir_ + file)) return false;
-        remove_packages();
         return true;
+    }
+
+    // The checked tree replaces the plugin folder (its Data stays).
+    bool put_in_place() {
+        std::string dir = dir_.substr(0, dir_.size() - 1);
+        if (!move_into_place(stage_, dir, work_ + "old")) {
+            QDQ_LOG("cannot move the package into %s", dir.c_str());
+            return false;
+        }
+        return plugin_folders_ok(shortname_);
     }
 
     // Every library of the plugin is linked by name into the common directory.
@@ -162,20 +211,6 @@ private:
         std::string common = qdq::path(kCommonLib);
         if (!dir_exists(common)) run_logged("cmdbuf:", "mkdir " + sq(common));
         run_logged("cmdbuf:", "ln -sf " + sq(libdir) + "* " + sq(common));
-    }
-
-    bool read_descriptor_file() {
-        std::string file = dir_ + "Info.plugin";
-        std::FILE *in = std::fopen(file.c_str(), "re");
-        if (in == nullptr) {
-            // Read directly rather than through "cat": no shell, and a package
-            // without a descriptor is refused instead of passing unchecked.
-            QDQ_LOG("%s failed", ("cat " + file).c_str());
-            return false;
-        }
-        DescResult r = read_descriptor(in, rec_);
-        std::fclose(in);
-        return r == DescResult::Ok;
     }
 
     void prepare_data_dir() {
@@ -192,6 +227,7 @@ private:
     }
 
     void start() {
+        if (!plugin_folders_ok(shortname_)) return failed();
         // Only plugins of Right "user" are held to their limits; the
         // others are trusted and run unlimited.
         if (std::strcmp(rec_.right, "user") != 0) rec_.cpu = rec_.virtualram = rec_.socket = -1;
@@ -208,7 +244,11 @@ private:
     cplugininstinfo rec_;
     bool system_ = false;
     std::string shortname_;
-    std::string dir_;  // the plugin directory, rooted, with a trailing '/'
+    std::string dir_;    // the plugin directory, rooted, with a trailing '/'
+    std::string work_;   // the install's own folder, with a trailing '/'
+    std::string stage_;  // the unpacked package, in work_
+    PackageLimits limits_{};
+    long long plugin_size_ = 0;
 };
 
 }  // namespace

@@ -47,6 +47,8 @@ std::string app_command(const std::string &s, const std::string &entry, int cpu,
 int run_plugin(const char *name, const char *type, char *entryfile, int cpu, int vram, int sockets) {
     std::string s = short_name(name);
     prepare_temp_dirs(s, "ln -sf");
+    // Nothing is made executable, given away or started through a link.
+    if (!plugin_folders_ok(s)) return -1;
     std::string fullpath = qdq::path(std::string(kPluginRoot) + s + "/MyPlugin");
     QDQ_LOG("fullpath:%s", fullpath.c_str());
     // The process's working directory is shared by every thread of the

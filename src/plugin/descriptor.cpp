@@ -1,9 +1,14 @@
 #include "plugin/descriptor.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cctype>
 #include <cstring>
 
 #include "common/log.h"
+#include "common/socket.h"
 
 namespace qdq::plugin {
 
@@ -75,6 +80,7 @@ bool line_value(const char *line, char *out, std::size_t cap) {
 DescResult read_descriptor(std::FILE *in, cplugininstinfo &rec) {
     char line[256];
     char value[256];
+    bool named = false;
     while (std::fgets(line, sizeof line, in) != nullptr) {
         DescKey key = classify_line(line);
         if (key == DescKey::None) continue;
@@ -86,6 +92,7 @@ DescResult read_descriptor(std::FILE *in, cplugininstinfo &rec) {
                             rec.name, value);
                     return DescResult::NameMismatch;
                 }
+                named = true;
                 break;
             case DescKey::Version:
                 if (rec.version[0] != '\0') {
@@ -115,7 +122,37 @@ DescResult read_descriptor(std::FILE *in, cplugininstinfo &rec) {
             case DescKey::None: break;
         }
     }
+    if (!named) {
+        QDQ_LOG("plugin name is not in config file, plugin name in request:%s,\tplugin name in config:%s", rec.name,
+                "");
+        return DescResult::NoName;
+    }
     return DescResult::Ok;
+}
+
+DescResult read_descriptor_file(const std::string &path, cplugininstinfo &rec) {
+    // No link is followed and nothing can block: a FIFO, a device or a link
+    // to /dev/zero in a package must neither hang nor spin the install.
+    qdq::Fd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat st;
+    std::string text;
+    bool ok = fd.valid() && fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode) &&
+              static_cast<unsigned long long>(st.st_size) <= kMaxDescriptor;
+    if (ok) {
+        text.resize(kMaxDescriptor + 1);
+        ssize_t n = read(fd.get(), &text[0], text.size());
+        ok = n >= 0 && static_cast<std::size_t>(n) <= kMaxDescriptor;
+        text.resize(ok ? static_cast<std::size_t>(n) : 0);
+    }
+    if (text.empty()) text = "\n";  // an empty descriptor reads as one without lines
+    std::FILE *in = ok ? fmemopen(&text[0], text.size(), "r") : nullptr;
+    if (in == nullptr) {
+        QDQ_LOG("cat %s failed", path.c_str());
+        return DescResult::Unreadable;
+    }
+    DescResult r = read_descriptor(in, rec);
+    std::fclose(in);
+    return r;
 }
 
 }  // namespace qdq::plugin

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <string>
 
 #include "qdquick/qdquick.h"
 
@@ -26,11 +27,20 @@ DescKey classify_line(const char *line);
 // fit; false (out empty) when the line has no such token.
 bool line_value(const char *line, char *out, std::size_t cap);
 
-enum class DescResult { Ok, NameMismatch, VersionMismatch };
+enum class DescResult { Ok, NameMismatch, VersionMismatch, NoName, Unreadable };
 
 // Reads descriptor lines (at most 255 characters each) from `in` into `rec`.
 // A "Name" line must equal rec.name; a "Version" line must equal a non-empty
-// rec.version, or fills an empty one. Stops at the first mismatch.
+// rec.version, or fills an empty one. Stops at the first mismatch; a
+// descriptor without a "Name" line is NoName.
 DescResult read_descriptor(std::FILE *in, cplugininstinfo &rec);
+
+// The descriptor comes from a package: at most this many bytes are read.
+inline constexpr std::size_t kMaxDescriptor = 65536;
+
+// read_descriptor on the file `path`, which must be a regular file (not a
+// link, FIFO, device or folder) of at most kMaxDescriptor bytes; else
+// Unreadable, logged as "cat <path> failed".
+DescResult read_descriptor_file(const std::string &path, cplugininstinfo &rec);
 
 }  // namespace qdq::plugin

@@ -6,12 +6,15 @@
 #include <cjson/cJSON.h>
 
 #include "common/log.h"
+#include "plugin/download.h"
 #include "plugin/plugin_hooks.h"
 
 extern "C" {
 
 QDQ_API int HgInstallPlugin(int os, const char *name, const char *version, const char *url, int size,
                             const char *upgradeid) {
+    // Kept for the install the host starts: its limits and progress use it.
+    qdq::plugin::remember_plugin_size(name, url, size);
     qdqpluginhooks_t hooks = qdq::plugin_hooks();
     return hooks.install != nullptr ? hooks.install(os, name, version, url, size, upgradeid) : 0;
 }

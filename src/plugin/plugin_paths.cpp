@@ -1,6 +1,9 @@
 #include "plugin/plugin_paths.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include <cstring>
 
@@ -26,6 +29,34 @@ bool dir_exists(const std::string &rooted) {
 bool path_exists(const std::string &rooted) {
     struct stat st;
     return lstat(rooted.c_str(), &st) == 0;
+}
+
+namespace {
+// Absent, or a folder that is not a link.
+bool absent_or_folder(const std::string &rooted) {
+    struct stat st;
+    return lstat(rooted.c_str(), &st) != 0 ? errno == ENOENT : S_ISDIR(st.st_mode);
+}
+}  // namespace
+
+bool plugin_folders_ok(const std::string &shortname) {
+    std::string dir = plugin_dir(shortname), var_dir = qdq::path(kVolatileRoot) + shortname;
+    struct stat st;
+    const char *bad = nullptr;
+    if (lstat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) bad = "plugin folder";
+    else if (!absent_or_folder(dir + "MyPlugin")) bad = "MyPlugin";
+    else if (!absent_or_folder(dir + "MyPlugin/Lib")) bad = "MyPlugin/Lib";
+    else if (!absent_or_folder(qdq::path(kCommonLib))) bad = "Lib";
+    else if (!absent_or_folder(dir + "Data")) bad = "Data";
+    else if (!absent_or_folder(var_dir) || !absent_or_folder(var_dir + "/Temp")) bad = "volatile Temp";
+    else if (lstat((dir + "Temp").c_str(), &st) == 0 && !S_ISDIR(st.st_mode)) {
+        // The only link allowed: the one the install made to the volatile Temp.
+        char target[4096];
+        ssize_t n = S_ISLNK(st.st_mode) ? readlink((dir + "Temp").c_str(), target, sizeof target - 1) : -1;
+        if (n < 0 || std::string(target, static_cast<std::size_t>(n)) != var_dir + "/Temp") bad = "Temp";
+    }
+    if (bad != nullptr) QDQ_LOG("plugin %s refused: %s is not a plain folder", shortname.c_str(), bad);
+    return bad == nullptr;
 }
 
 int run_logged(const char *prefix, const std::string &command) {

@@ -20,6 +20,13 @@ std::string plugin_dir(const std::string &shortname);
 bool dir_exists(const std::string &rooted);
 bool path_exists(const std::string &rooted);
 
+// True when the plugin's folders are what they should be before anything
+// is changed, linked or started in them: the plugin folder, MyPlugin,
+// MyPlugin/Lib, Data, /var/CPlugin/<short> and its Temp real folders (not
+// links) where present, and <plugin folder>/Temp a real folder or the link
+// to the volatile Temp. Logs what is wrong.
+bool plugin_folders_ok(const std::string &shortname);
+
 // Runs a command after logging it behind `prefix` ("cmdbuf:"). Returns
 // the run_shell status.
 int run_logged(const char *prefix, const std::string &command);

@@ -1,6 +1,7 @@
 """Plugin installs that fail half-way end with a clear status; the next
 install into the same directory gives a plugin that runs, with no package
-file left behind, and threads and descriptors come back to their baseline."""
+file left behind, and threads and descriptors come back to their baseline.
+A slow download shows its progress."""
 
 from __future__ import annotations
 
@@ -9,6 +10,7 @@ import signal
 import socket
 import subprocess
 import threading
+import time
 from pathlib import Path
 
 import pytest
@@ -66,6 +68,43 @@ def test_download_killed_midway(gateway):
         release.set()
         server.close()
     runs_cleanly(g, g.root / "qdconf" / "CPlugin", "again")
+    answers_and_settles(g, base)
+
+
+def test_slow_download_shows_progress(gateway):
+    g = gateway
+    base = up(g, "--no-install")
+    data = PACKAGE.read_bytes()
+    server = socket.create_server((HOST, 0))
+
+    def serve() -> None:  # the package in 512-byte pieces, 5 a second
+        conn, _ = server.accept()
+        with conn:
+            conn.recv(4096)
+            conn.sendall(b"HTTP/1.0 200 OK\r\nContent-Length: %d\r\n\r\n" % len(data))
+            for at in range(0, len(data), 512):
+                conn.sendall(data[at:at + 512])
+                time.sleep(0.2)
+
+    threading.Thread(target=serve, daemon=True).start()
+    try:
+        install(g, f"http://{HOST}:{server.getsockname()[1]}/{PACKAGE.name}", "slow")
+
+        def partial(plugins: list) -> dict | None:
+            return next((p for p in plugins if p["Plugin_Name"] == BUNDLE and p["Status"] == "Downloading"
+                         and 0 < p["Downloaded"] < len(data)), None)
+
+        shown = eventually(lambda: partial(g.status().get("plugins", [])), 30, "progress in the status file")
+        assert shown["Plugin_size"] == len(data)
+        listed = g.sim.push("plugin", 15, message={"RPCMethod": "ListPlugin"})["json"]["Plugin"]
+        assert partial(listed) is not None, listed
+        g.daemon.wait_line(rf"plugin {BUNDLE} 1\.0 is running", 60)
+    finally:
+        server.close()
+    text = g.daemon.text()
+    # wget's output is in the library's log; no removal noise either.
+    assert "Saving to" not in text and "rm: cannot remove" not in text, text[-2000:]
+    assert text.count(f"plugin {BUNDLE} 1.0: Downloading") == 1
     answers_and_settles(g, base)
 
 

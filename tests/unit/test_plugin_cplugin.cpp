@@ -2,12 +2,14 @@
 // server and unpacked with tar, the reported status sequence, starts and
 // stops with fake privileged tools (first on PATH, recording their command
 // lines), refused injection attempts, and the install-result push check.
+#include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
 #include <climits>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -57,11 +59,23 @@ struct HttpServer {
             char buf[4096];  // request line and headers come in one segment on loopback
             ssize_t n = net::wait_in(c.get()) ? recv(c.get(), buf, sizeof buf, 0) : 0;
             std::string req(buf, size_t(std::max<ssize_t>(n, 0)));
+            if (req.compare(0, 12, "GET /endless") == 0) {  // zeros until the client gives up
+                std::string zeros(65536, '\0'), head = "HTTP/1.0 200 OK\r\n\r\n";
+                send(c.get(), head.data(), head.size(), MSG_NOSIGNAL);
+                while (!stop && send(c.get(), zeros.data(), zeros.size(), MSG_NOSIGNAL) > 0) {
+                }
+                continue;
+            }
             std::string file = req.size() > 5 ? in_root("/srv/") + req.substr(5, req.find_first_of(" ?", 5) - 5) : "";
             std::string body = qdq_test::read_file(file), head = exists(file) ? "200 OK" : "404 Not Found";
             std::string reply =
                 "HTTP/1.0 " + head + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-            send(c.get(), reply.data(), reply.size(), MSG_NOSIGNAL);
+            // "slow*" files trickle in 8 KiB pieces.
+            size_t piece = req.compare(0, 9, "GET /slow") == 0 ? 8192 : reply.size();
+            for (size_t at = 0; at < reply.size(); at += piece) {
+                if (at > 0) usleep(30 * 1000);
+                send(c.get(), reply.data() + at, std::min(piece, reply.size() - at), MSG_NOSIGNAL);
+            }
         }
     }};
     ~HttpServer() {
@@ -73,10 +87,13 @@ struct HttpServer {
     }
 };
 
-// A package with a descriptor (none when empty), MyPlugin/prog and a library.
-void build_cpk(const std::string &out, const std::string &info, const std::string &prog = "#!/bin/sh\n") {
+// A package with a descriptor (none when empty), MyPlugin/prog, a library
+// and `blob` random bytes.
+void build_cpk(const std::string &out, const std::string &info, const std::string &prog = "#!/bin/sh\n",
+               size_t blob = 0) {
     std::string stage = in_root("/stage");
     sh("rm -rf '" + stage + "' && mkdir -p '" + stage + "/MyPlugin/Lib' \"$(dirname '" + out + "')\"");
+    if (blob > 0) sh("head -c " + std::to_string(blob) + " /dev/urandom >'" + stage + "/MyPlugin/blob'");
     if (!info.empty()) qdq_test::write_file(stage + "/Info.plugin", info);
     qdq_test::write_file(stage + "/MyPlugin/prog", prog);
     qdq_test::write_file(stage + "/MyPlugin/Lib/libplug.so", "lib");
@@ -122,7 +139,8 @@ protected:
 // one must still end in its own status sequence, nothing lost or mixed up.
 TEST_F(CPlugin, PackagesAndDescriptorRulesAllAtOnce) {
     const std::string sys = "/opt/sys_cplugin/sys.cpk";
-    const Lines ok = {"Installing", "Installed", "Active"}, bad = {"Installing", "install_failed"};
+    const Lines ok = {"Downloading", "Installing", "Installed", "Active"},
+                bad = {"Downloading", "Installing", "install_failed"};
     struct {
         std::string name, version, url, package, descriptor;
         Lines want;
@@ -138,7 +156,7 @@ TEST_F(CPlugin, PackagesAndDescriptorRulesAllAtOnce) {
         {"com.t.other", "1.0", "other.cpk", "/srv/other.cpk", info("com.t.mismatch", "1.0"), bad},
         {"com.t.desc", "1.0", "desc.cpk", "/srv/desc.cpk", info("com.t.desc", "1.0", "Description: Nameless\n"), bad},
         {"com.t.nodesc", "1.0", "nodesc.cpk", "/srv/nodesc.cpk", "", bad},
-        {"com.t.missing", "1.0", "missing.cpk", "", "", {"X_BROADCOM_COM_DnldFailed"}},
+        {"com.t.missing", "1.0", "missing.cpk", "", "", {"Downloading", "X_BROADCOM_COM_DnldFailed"}},
         // Unpacked from the local path, never started here.
         {"com.t.sys", "1.0", sys, sys, info("com.t.sys", "1.0"), {"Installed"}},
     };
@@ -154,7 +172,7 @@ TEST_F(CPlugin, PackagesAndDescriptorRulesAllAtOnce) {
         EXPECT_EQ(grep(in_root("/var/pluginlog.txt"), "Run C Plugin success, name:" + c.name + ", version:").size(),
                   c.want == ok ? 1u : 0u) << c.name;
         std::string s = c.name.substr(6), dir = in_root("/qdconf/CPlugin/" + s + "/");
-        if (c.want.size() > 2 || c.want[0] == "Installed") {
+        if (c.want.size() > 3 || c.want[0] == "Installed") {
             char target[PATH_MAX] = {0};
             EXPECT_GT(readlink((dir + "Temp").c_str(), target, sizeof target - 1), 0) << s;
             EXPECT_EQ(target, in_root("/var/CPlugin/" + s + "/Temp"));
@@ -169,6 +187,179 @@ TEST_F(CPlugin, PackagesAndDescriptorRulesAllAtOnce) {
     EXPECT_EQ(grep(tools(), "cpulimit", 1), Lines{"cpulimit -e prog -b -l 1"});
     EXPECT_EQ(grep(tools(), "adduser"), Lines{"adduser lim -DH"});
     EXPECT_EQ(grep(tools(), "setuidgid"), Lines{"setuidgid lim ./prog"});
+}
+
+// Builds gzip tars with Python's tarfile: "@<file>" starts one, members
+// "kind:name[:arg]" follow: f file (arg: its text), z file of arg zero
+// bytes, n arg empty files name0..., d folder, l symbolic link to arg, h hard
+// link to arg, c character device, p FIFO, x file its pax header renames arg.
+const char *const kMakeCpk = R"(
+import io, sys, tarfile
+packages = {}
+for a in sys.argv[1:]:
+    if a.startswith("@"): packages[a[1:]] = members = []
+    else: members.append(a)
+for out, members in packages.items():
+  with tarfile.open(out, "w:gz", format=tarfile.PAX_FORMAT) as t:
+    for m in members:
+        kind, name, arg = (m.split(":", 2) + [""])[:3]
+        for n in [name + str(i) for i in range(int(arg))] if kind == "n" else [name]:
+            i, data = tarfile.TarInfo(n), b"x" if kind == "x" else b""
+            i.mode = 0o755
+            if kind == "f": data = arg.encode()
+            if kind == "z": data = bytes(int(arg))
+            if kind == "x": i.pax_headers = {"path": arg}
+            if kind == "d": i.type = tarfile.DIRTYPE
+            if kind in "lh": i.type, i.linkname = tarfile.SYMTYPE if kind == "l" else tarfile.LNKTYPE, arg
+            if kind == "c": i.type, i.devmajor, i.devminor = tarfile.CHRTYPE, 1, 3
+            if kind == "p": i.type = tarfile.FIFOTYPE
+            i.size = len(data)
+            t.addfile(i, io.BytesIO(data))
+)";
+
+// Packages built to escape their folder: each ends "install_failed" with
+// nothing written outside the plugin folder, nothing of it in place, nothing
+// started and its thread back; links an earlier install left are not
+// written through.
+TEST_F(CPlugin, HostilePackagesWriteAndStartNothing) {
+    const std::string outside = in_root("/outside"), victim = outside + "/victim", up = "../../../../outside/";
+    sh("mkdir -p '" + outside + "' '" + in_root("/srv") + "'");
+    qdq_test::write_file(victim, "keep");
+    chmod(victim.c_str(), 0644);
+    qdq_test::write_file(in_root("/tmp/mkcpk.py"), kMakeCpk);
+    auto desc = [](const std::string &s) { return "f:Info.plugin:" + info("com.h." + s, "1"); };
+    auto prog = [](const std::string &s) {
+        return "f:MyPlugin/prog:#!/bin/sh\ntouch " + in_root("/tmp/ran-" + s) + "\n";
+    };
+    const Lines refused = {"Downloading", "Installing", "install_failed"};
+    const std::string link = "a symbolic link", climb = "a name with \"..\"";
+    struct {
+        std::string s;  // bundle com.h.<s>
+        Lines members;
+        std::string why;     // logged reason of the refusal ("package of com.h.<s> refused: <why>")
+        bool sized = false;  // the order gives "Plugin_size"
+    } cases[] = {
+        {"link", {desc("link"), "l:MyPlugin:" + outside, prog("link")}, link},
+        {"data", {desc("data"), prog("data"), "l:Data:" + outside, "f:Data/x:y"}, link},
+        {"entry", {desc("entry"), prog("entry"), "l:MyPlugin/lib.so:" + victim}, link},
+        {"zero", {"l:Info.plugin:/dev/zero", prog("zero")}, link},
+        {"hard", {desc("hard"), prog("hard"), "h:MyPlugin/h:" + victim}, "a hard link"},
+        {"chr", {desc("chr"), prog("chr"), "c:MyPlugin/null"}, "a character device"},
+        {"fifo", {"p:Info.plugin", prog("fifo")}, "a FIFO"},
+        {"abs", {desc("abs"), prog("abs"), "f:" + outside + "/abs:x"}, "an absolute name"},
+        {"climb", {desc("climb"), prog("climb"), "f:" + up + "climb:x"}, climb},
+        {"pax", {desc("pax"), prog("pax"), "x:MyPlugin/ok:" + up + "pax"}, climb},
+        // Caught from the headers, before a byte is unpacked.
+        {"bomb", {desc("bomb"), prog("bomb"), "z:MyPlugin/big:2097152"}, "more than 1048576 bytes unpacked", true},
+        {"bigbomb", {desc("bigbomb"), prog("bigbomb"), "z:MyPlugin/big:68157440"}, "more than 67108864 bytes unpacked"},
+        {"many", {desc("many"), prog("many"), "n:MyPlugin/f:4096"}, "more than 4096 entries"},
+        // Refused by the descriptor check ("why" empty).
+        {"infodir", {"d:Info.plugin", prog("infodir")}, ""},
+        {"noname", {"f:Info.plugin:Version: 1\nType: app\nEntryFile: MyPlugin/prog\n", prog("noname")}, ""},
+        // An earlier install left MyPlugin and Data as links out: installed.
+        {"left", {desc("left"), prog("left")}, "-"},
+    };
+    std::string left = in_root("/qdconf/CPlugin/left/");
+    sh("mkdir -p '" + left + "' && ln -s '" + outside + "' '" + left + "MyPlugin' && ln -s '" + outside + "' '" +
+       left + "Data'");
+    std::string args;
+    for (auto &c : cases) {
+        args += " '@" + in_root("/srv/" + c.s + ".cpk") + "'";
+        for (const auto &m : c.members) args += " '" + m + "'";
+    }
+    sh("python3 '" + in_root("/tmp/mkcpk.py") + "'" + args);
+    std::vector<std::thread> installs;
+    for (auto &c : cases) {
+        std::string cpk = in_root("/srv/" + c.s + ".cpk");
+        struct stat st;
+        ASSERT_EQ(stat(cpk.c_str(), &st), 0);
+        std::string name = "com.h." + c.s, url = server.url(c.s + ".cpk");
+        if (c.sized) HgInstallPlugin(0, name.c_str(), "1", url.c_str(), int(st.st_size), nullptr);
+        installs.emplace_back([name, url] { install(name, "1", url); });
+    }
+    for (auto &t : installs) t.join();  // a hang here is a thread never released
+    for (auto &c : cases) {
+        bool ok = c.why == "-";
+        const Lines installed = {"Downloading", "Installing", "Installed", "Active"};
+        EXPECT_EQ(statuses("com.h." + c.s), ok ? installed : refused) << c.s;
+        if (!ok && !c.why.empty()) {
+            EXPECT_EQ(grep(main_log(), "package of com.h." + c.s + " refused: " + c.why).size(), 1u) << c.s;
+        }
+        EXPECT_EQ(exists(in_root("/tmp/ran-" + c.s)), ok) << c.s;
+        EXPECT_EQ(exists(in_root("/qdconf/CPlugin/" + c.s)), ok) << c.s;
+    }
+    // A plugin whose MyPlugin or Data has become a link is neither changed
+    // nor started.
+    const std::string moved = in_root("/qdconf/CPlugin/moved/");
+    for (const char *sub : {"MyPlugin", "Data"}) {
+        sh("rm -rf '" + moved + "' && mkdir -p '" + moved + "MyPlugin' && rm -rf '" + moved + sub + "' && ln -s '" +
+           outside + "' '" + moved + sub + "'");
+        char entry[] = "victim";
+        EXPECT_EQ(HgCPluginRun("com.h.moved", "1", "app", entry, 0, 0, 0), -1) << sub;
+    }
+    EXPECT_EQ(grep(tools(), "moved"), Lines{});
+    struct stat st;
+    for (const char *sub : {"MyPlugin", "Data"})
+        EXPECT_TRUE(lstat((left + sub).c_str(), &st) == 0 && S_ISDIR(st.st_mode)) << sub;
+    EXPECT_EQ(qdq_test::read_file(victim), "keep");
+    EXPECT_TRUE(stat(victim.c_str(), &st) == 0 && (st.st_mode & 07777) == 0644 && st.st_nlink == 1);
+    sh("test \"$(ls -A '" + outside + "')\" = victim");
+    sh("test -z \"$(ls -A '" + in_root("/qdconf/CPlugin") + "' | grep '^\\.')\"");  // no work folder left
+}
+
+// While a package trickles in, the host sees "Downloading" with the bytes
+// done and expected: the order's "Plugin_size", else the server's length.
+TEST_F(CPlugin, SlowDownloadReportsProgress) {
+    static std::mutex seen_mutex;
+    static std::vector<std::pair<long long, long long>> seen;
+    static std::string query;  // an "Install_query" answer while it downloads
+    qdqpluginhooks_t hooks{};
+    hooks.status = [](const char *name, const char *, const char *status, const char *) {
+        long long done = -1, expected = -1;
+        if (std::string(status) != "Downloading" || HgGetCpluginDownload(name, &done, &expected) != 0) return;
+        std::lock_guard<std::mutex> lock(seen_mutex);
+        seen.emplace_back(done, expected);
+        if (done == 0 || !query.empty()) return;
+        char *out = nullptr;
+        int plattype = 3;
+        std::string ask = std::string(R"({"RPCMethod":"Install_query","Version":"1.0","Plugin_Name":")") + name + "\"}";
+        if (HGProcessPlatJsonMsg(ask.c_str(), &out, &plattype) > 0) query = out;
+        free(out);
+    };
+    HgSetPluginHooks(&hooks);
+    const size_t blob = 96 * 1024;
+    for (bool sized : {true, false}) {
+        std::string name = sized ? "com.t.slowsized" : "com.t.slow", url = server.url(name.substr(6) + ".cpk");
+        build_cpk(in_root("/srv/" + name.substr(6) + ".cpk"), info(name, "1.0"), "#!/bin/sh\n", blob);
+        struct stat st;
+        ASSERT_EQ(stat(in_root("/srv/" + name.substr(6) + ".cpk").c_str(), &st), 0);
+        long long want = sized ? st.st_size + 1000 : st.st_size;
+        if (sized) HgInstallPlugin(0, name.c_str(), "1.0", url.c_str(), int(want), nullptr);
+        seen.clear();
+        EXPECT_EQ(install(name, "1.0", url), (Lines{"Downloading", "Installing", "Installed", "Active"})) << name;
+        std::lock_guard<std::mutex> lock(seen_mutex);
+        size_t partial = std::count_if(seen.begin(), seen.end(), [&](const std::pair<long long, long long> &p) {
+            return p.first > 0 && p.first < st.st_size && p.second == want;
+        });
+        EXPECT_GE(partial, 2u) << name;
+        cJSON *answer = cJSON_Parse(query.c_str());
+        auto number = [&](const char *key) { return cJSON_GetNumberValue(cJSON_GetObjectItem(answer, key)); };
+        EXPECT_STREQ(cJSON_GetStringValue(cJSON_GetObjectItem(answer, "Status")), "Downloading") << query;
+        EXPECT_TRUE(number("Downloaded") > 0 && number("Downloaded") < st.st_size) << query;
+        EXPECT_EQ(number("Plugin_size"), double(want)) << query;
+        cJSON_Delete(answer);
+        query.clear();
+        EXPECT_EQ(HgGetCpluginDownload(name.c_str(), nullptr, nullptr), -1);  // over
+    }
+    HgSetPluginHooks(nullptr);
+    EXPECT_FALSE(grep(main_log(), "wget: Length: ").empty());  // wget's output is in the log
+}
+
+// A package that never ends is stopped at the size bound.
+TEST_F(CPlugin, EndlessDownloadIsStopped) {
+    EXPECT_EQ(install("com.t.endless", "1", server.url("endless.cpk")),
+              (Lines{"Downloading", "X_BROADCOM_COM_DnldFailed"}));
+    EXPECT_EQ(grep(main_log(), "download stopped: package too large").size(), 1u);
 }
 
 TEST_F(CPlugin, InjectionAttemptsRunNothing) {
@@ -204,7 +395,8 @@ TEST_F(CPlugin, InjectionAttemptsRunNothing) {
             build_cpk(in_root("/srv/" + c.file), "Name: " + c.name + "\nVersion: 1\nType: app\nEntryFile: " + c.entry,
                       "#!/bin/sh\ntouch '" + mark + "'\n");
         size_t before = refusals(c.refused);
-        Lines want = c.entry.empty() ? Lines{"install_failed"} : Lines{"Installing", "install_failed"};
+        Lines want =
+            c.entry.empty() ? Lines{"install_failed"} : Lines{"Downloading", "Installing", "install_failed"};
         EXPECT_EQ(install(c.name, c.version, server.url(c.file)), want) << c.name << c.version << c.file;
         EXPECT_EQ(refusals(c.refused), before + 1) << c.name << c.version << c.file;
     }
