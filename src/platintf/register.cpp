@@ -44,14 +44,17 @@ int HgProcessRegister(int plattype) {
     unsigned wait = 10;
     int failures = 0;
     int refusals = 0;
-    char msg[kSessionMsgSize];
     char reply[qdq::kSessionReplySize];
     for (;;) {
         if (!qdq::is_newest_connect_thread(plattype, qdq::GuardPoint::Register)) return kSessionSuperseded;
-        GenerateRegMessage(plattype, rec->challengecode, msg);
+        const qdq::CText msg = GenerateRegMessage(plattype, rec->challengecode);
+        if (!msg) {
+            HgSetPlateStatus(plattype, "try_connect_failed", -1);
+            return kSessionNoAddress;
+        }
         QDQ_LOG("register to server: %s\n", rec->curip);
         const char *text = reply;
-        const int sent = qdq::session_exchange(plattype, *rec, msg, reply, wait, &text);
+        const int sent = qdq::session_exchange(plattype, *rec, msg.get(), reply, wait, &text);
         if (sent == -1) {
             HgSetPlateStatus(plattype, "try_connect_failed", -1);
             if (plugin) {
