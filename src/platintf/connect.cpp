@@ -70,7 +70,12 @@ void begin_guarded_connect(platinfo &rec, const platinfo *record) {
 void disconnect_and_clear(platinfo &cleared) {
     if (manageplatinfo.regflag != 0) HGDisconnectPlat(QDQ_PLAT_MANAGE);
     if (pluginplatinfo.regflag != 0) HGDisconnectPlat(QDQ_PLAT_PLUGIN);
+    // A connection still held is closed rather than lost to the clearing;
+    // a local UDP service's socket stays with its service. A cleared
+    // record holds no connection: -1, never descriptor 0.
+    qdq::close_session_socket(&cleared, true);
     std::memset(&cleared, 0, sizeof cleared);
+    cleared.socketfd = -1;
 }
 
 int connect_manage(platinfo *record) {
@@ -85,9 +90,10 @@ int connect_manage(platinfo *record) {
     AppMgrLogLine(qdq::kLogTrace, "HGConnectManagePlat: localport:%d\tregflag:%d", static_cast<int>(rec.localport),
                   rec.regflag);
     disconnect_and_clear(pluginplatinfo);
-    // A socket still held by the record (the manage port's local UDP
-    // service publishes its own there) is taken and closed, never just
-    // overwritten: an overwritten number would leak.
+    // A connection still held by the record is closed, never just
+    // overwritten (an overwritten number would leak). The manage port's
+    // local UDP service publishes its socket there too: that one is only
+    // taken out, and a service the host started keeps answering.
     qdq::close_session_socket(&rec, true);
     rec.tcpflag = 0;
     use_default_address(rec, qdq::default_manage_address(), 60001);

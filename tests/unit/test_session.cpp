@@ -2,6 +2,7 @@
 // channel loop stopped from another thread) and what the platforms' answers
 // do to the records, the configuration, the status word and the timers.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -15,6 +16,7 @@
 
 #include "common/clock.h"
 #include "dispatch_helpers.h"
+#include "platintf/hgprocessplatintf.h"
 #include "platintf/reply_process.h"
 #include "platintf/session.h"
 
@@ -142,12 +144,19 @@ TEST_F(Session, DisconnectStopsABlockedLoopWithoutLeaks) {
     }
 }
 
-// A sender and a disconnect race on one record, and the closed number is
-// reused at once by a new connection: no frame may ever reach it.
+// Senders (the channel's and the TCP request client) and a disconnect race
+// on one record, and the closed number is reused at once by a new
+// connection: no frame may ever reach it, and nothing may close it.
 TEST_F(Session, SessionSendsNeverReachAReusedDescriptorNumber) {
     std::atomic<bool> stop{false};
     std::thread sender([&] {
-        while (!stop) qdq::session_send(&manageplatinfo, "{\"Result\":1}");
+        char reply[512];
+        for (unsigned n = 0; !stop; ++n) {
+            if (n % 2 == 0)
+                qdq::session_send(&manageplatinfo, "{\"Result\":1}");
+            else
+                HGSendTcpRequest(QDQ_PLAT_MANAGE, "{\"RPCMethod\":\"Boot\"}", reply, 0);
+        }
     });
     int stray = 0;
     // Without the descriptor lock about one round in 50,000 hits the window.
@@ -162,13 +171,36 @@ TEST_F(Session, SessionSendsNeverReachAReusedDescriptorNumber) {
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, reuse), 0);  // takes pair[0]'s number
         sched_yield();
         char buf[64];
-        if (recv(reuse[1], buf, sizeof buf, MSG_DONTWAIT) > 0) ++stray;
+        if (recv(reuse[1], buf, sizeof buf, MSG_DONTWAIT) > 0 || fcntl(reuse[0], F_GETFD) == -1) ++stray;
         close(reuse[0]);
         close(reuse[1]);
     }
     stop = true;
     sender.join();
     EXPECT_EQ(stray, 0);
+}
+
+// A cleared record holds 0: no connection, never descriptor 0 (the host's
+// standard input here). The request opens a connection of its own.
+TEST_F(Session, TcpRequestOnAClearedRecordLeavesDescriptorZeroAlone) {
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    qdq::Fd saved(dup(0)), far(pair[1]);
+    ASSERT_EQ(dup2(pair[0], 0), 0);
+    close(pair[0]);
+    qdq::Fd server = net::bound(SOCK_STREAM, true);
+    manageplatinfo.socketfd = 0;
+    manageplatinfo.port = net::port_of(server.get());
+    std::snprintf(manageplatinfo.curip, sizeof manageplatinfo.curip, "127.0.0.1");
+    char reply[512];
+    EXPECT_EQ(HGSendTcpRequest(QDQ_PLAT_MANAGE, "{}", reply, 1), -1);  // accepted by the backlog, never answered
+    char buf[16];
+    EXPECT_EQ(recv(far.get(), buf, sizeof buf, MSG_DONTWAIT), -1) << "written on descriptor 0";
+    EXPECT_NE(fcntl(0, F_GETFD), -1) << "descriptor 0 closed";
+    qdq::Fd conn(accept(server.get(), nullptr, nullptr));
+    EXPECT_EQ(net::read_n(conn.get(), 6), net::frame("{}"));
+    EXPECT_EQ(manageplatinfo.socketfd, -1);
+    dup2(saved.get(), 0);
 }
 
 // The reply time-out is armed before the heartbeat leaves (the answer, which
