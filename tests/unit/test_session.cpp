@@ -10,12 +10,15 @@
 #include <atomic>
 #include <chrono>
 #include <map>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "common/clock.h"
+#include "common/thread.h"
 #include "dispatch_helpers.h"
+#include "local_helpers.h"
 #include "platintf/hgprocessplatintf.h"
 #include "platintf/reply_process.h"
 #include "platintf/session.h"
@@ -178,6 +181,53 @@ TEST_F(Session, SessionSendsNeverReachAReusedDescriptorNumber) {
     stop = true;
     sender.join();
     EXPECT_EQ(stray, 0);
+}
+
+// A plugin platform that sends more messages than there are channel
+// workers (each held here by the host's ability callback): the rest wait in
+// the channel queue and every one is answered; one more than the queue
+// holds ends the channel, and the platform sees it close.
+TEST_F(Session, ChannelAtItsWorkerCapQueuesThenCloses) {
+    static std::atomic<int> held{0};
+    static std::atomic<bool> release{false};
+    quickevcb.ability = [](cJSON *, int *) {
+        ++held;
+        while (!release) usleep(1000);
+    };
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    qdq::Fd far(pair[1]);
+    pluginplatinfo.socketfd = pair[0];
+    pluginplatinfo.regflag = 1;
+    pluginplatinfo.interval = 20;
+    std::thread loop([] { HgProcessPlatTcpConnect(QDQ_PLAT_PLUGIN); });
+    const int cap = qdq::worker_cap(qdq::Work::channel), depth = qdq::queue_depth(qdq::Work::channel);
+    auto send_orders = [&](int n) {
+        for (int i = 0; i < n; ++i)
+            HgTcpSend(far.get(), (R"({"RPCMethod":"Post1","ID":)" + std::to_string(i) +
+                                  R"(,"Parameter":"eyJDbWRUeXBlIjoieCJ9"})").c_str());  // {"CmdType":"x"}
+    };
+    send_orders(cap + depth);
+    ASSERT_TRUE(local::wait_until([&] { return held == cap && qdq::queued_work(qdq::Work::channel) == depth; }));
+    release = true;
+    std::set<int> answered;
+    for (int i = 0; i < cap + depth && net::wait_in(far.get()); ++i) {
+        char *raw = nullptr;
+        ASSERT_GT(HgTcpRcv(far.get(), &raw), 0);
+        answered.insert(local::json_int(raw, "ID"));
+        EXPECT_EQ(local::json_int(raw, "Result"), 0) << raw;
+        free(raw);
+    }
+    EXPECT_EQ(answered.size(), size_t(cap + depth));
+
+    release = false;
+    held = 0;
+    send_orders(cap + depth + 1);
+    EXPECT_TRUE(local::wait_until([&] { return local::closed(far.get()); })) << "channel still open";
+    release = true;
+    loop.join();
+    EXPECT_TRUE(local::wait_until([] { return qdq::live_workers(qdq::Work::channel) == 0; }));
+    quickevcb.ability = nullptr;
 }
 
 // A cleared record holds 0: no connection, never descriptor 0 (the host's
