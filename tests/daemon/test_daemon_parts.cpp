@@ -14,6 +14,9 @@
 #include "distri.h"
 #include "plugin_files.h"
 #include "quick_install.h"
+#include "sessions.h"
+#include "threads.h"
+#include "common/timer.h"
 #include "qdquick/qdquick.h"
 #include "test_env.h"
 
@@ -136,6 +139,29 @@ TEST(DaemonPluginTexts, DescriptorLimitsHoldOnlyForUserPlugins) {
     }
     qdd::PluginDescriptor none;
     EXPECT_FALSE(qdd::read_descriptor("com.x.absent", none));
+}
+
+// A cube platform that never answers is retried on timer 8. While the
+// manage session is registered the retry is postponed: a cube connect would
+// disconnect it and wipe its record before the cube platform even answered.
+TEST(DaemonSessions, CubeRetryLeavesARegisteredManageSessionAlone) {
+    timerflag = 1;  // timers armed, never fired
+    AppInitTimerModule();
+    qdd::Config c;
+    c.cube.address = "127.0.0.1";
+    c.cube.port = 9;
+    c.retry_seconds = 20;
+    qdd::sessions_configure(c);
+    std::snprintf(manageplatinfo.MgtURL, sizeof manageplatinfo.MgtURL, "10.0.0.2");
+    manageplatinfo.regflag = 1;
+    for (int retry = 0; retry < 3; ++retry) qdd::sessions_on_cube_timer();
+    EXPECT_TRUE(qdd::wait_session_threads(2)) << "a cube connect was started";
+    EXPECT_EQ(manageplatinfo.regflag, 1);
+    EXPECT_STREQ(manageplatinfo.MgtURL, "10.0.0.2");
+    qdq::TimerGuard guard;
+    const int timer = qdq::timer_index(8);
+    ASSERT_GE(timer, 0);
+    EXPECT_EQ(g_timer[timer].left_time, 20);
 }
 
 }  // namespace
