@@ -117,10 +117,10 @@ int HgProcessBoot(int plattype) {
                     HgSetPlateStatus(plattype, "try_connect_failed", -1);
                     if (plugin) {
                         QDQ_LOG("plugin boot return -1, return!\n");
-                        // The TCP client has already closed the descriptor
-                        // of a failed exchange; only the number is left, and
-                        // closing it again could hit a reused descriptor.
-                        rec->socketfd = -1;
+                        // The TCP client has already closed a failed
+                        // exchange's connection and taken it out of the
+                        // record; this only resets it, under the lock.
+                        qdq::close_session_socket(rec);
                     }
                     QDQ_LOG("invalid internet connection!\n");
                     return kSessionNoAddress;

@@ -14,15 +14,11 @@ namespace {
 
 // A connect that ends without a session gives its connection up: leaving
 // an open descriptor in `socketfd` for the next connect to overwrite with -1
-// would leak it. After a transport failure (101) the TCP client has closed
-// it already and only the number is left; a superseded thread (102) leaves
-// the record to the newer one.
+// would leak it. (After a transport failure (101) the TCP client has
+// already taken its connection out of the record.) A superseded thread
+// (102) leaves the record to the newer one.
 void release_session_socket(platinfo &rec, int ret) {
-    if (ret == kSessionSuperseded) return;
-    if (ret == kSessionNoAddress)
-        rec.socketfd = -1;
-    else
-        qdq::close_session_socket(&rec);
+    if (ret != kSessionSuperseded) qdq::close_session_socket(&rec);
 }
 
 int connect_failed(platinfo &rec, int plattype, const char *function, int line, int ret) {

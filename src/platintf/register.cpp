@@ -60,7 +60,7 @@ int HgProcessRegister(int plattype) {
             if (plugin) {
                 QDQ_LOG("plugin reg return -1, return!\n");
                 // Already closed by the TCP client; see HgProcessBoot.
-                rec->socketfd = -1;
+                qdq::close_session_socket(rec);
             }
             QDQ_LOG("invalid internet connection!\n");
             return kSessionNoAddress;
