@@ -71,9 +71,11 @@ void *start_body(void *) {
 void *cube_again_body(void *) {
     const bool manage_was_registered = manageplatinfo.regflag != 0;
     connect_cube();
-    // The cube connect clears the whole manage record, session included.
+    // A cube connect that reached its platform clears the whole manage
+    // record, session included; one that did not (a silent cube platform)
+    // leaves the manage session alone, and it is not connected again.
     refill_if_empty(&manageplatinfo, 2);
-    if (manage_was_registered && platform_config(2).enabled) arm(1, kTimerManage);
+    if (manage_was_registered && manageplatinfo.regflag == 0 && platform_config(2).enabled) arm(1, kTimerManage);
     return nullptr;
 }
 
@@ -145,19 +147,6 @@ void sessions_on_status(int plattype, const std::string &status, int) {
 
 void sessions_on_cube_timer() {
     if (g_stopping || !platform_config(1).enabled) return;
-    // A cube connect disconnects the manage and plugin platforms and wipes
-    // the manage record before it knows whether the cube platform answers:
-    // retried against a silent cube platform it would tear a working manage
-    // session down on every retry. While the manage session is registered
-    // the cube connect waits, and is tried again once it is not.
-    static std::atomic<bool> postponed{false};
-    if (manageplatinfo.regflag != 0) {
-        const int seconds = retry_seconds();
-        if (!postponed.exchange(true)) note("cube platform: manage session up, cube connect postponed (checked every %d s)", seconds);
-        arm(seconds, kTimerCube);
-        return;
-    }
-    postponed = false;
     if (start_session_thread(cube_again_body, nullptr) != 0) say("cannot start the cube connect thread");
 }
 

@@ -141,9 +141,6 @@ int connect_cube(platinfo *record) {
     }
     begin_guarded_connect(rec, record);
     QDQ_LOG("HGConnectCubePlat() ! localport:%d", static_cast<int>(rec.localport));
-    // The cube connect wipes the manage platform's record, address and port
-    // included: the cube registration decides where it is.
-    disconnect_and_clear(manageplatinfo);
     qdq::close_session_socket(&rec, true);
     rec.tcpflag = 0;
     use_default_address(rec, qdq::default_cube_address(), 12112);
@@ -155,6 +152,12 @@ int connect_cube(platinfo *record) {
         ret = HgProcessBoot(plattype);
         if (is_session_failure(ret)) return connect_failed(rec, plattype, "HGConnectCubePlat", __LINE__, ret);
     }
+    // The cube connect wipes the manage platform's record, address and port
+    // included: the cube registration decides where it is. It does so only
+    // once the cube platform has answered its Boot: a silent or refusing
+    // cube platform, retried by the host, would otherwise tear a working
+    // manage session down on every retry.
+    if (ret >= 0) disconnect_and_clear(manageplatinfo);
     if (ret == 0) {
         ret = HgProcessRegister(plattype);
         if (is_session_failure(ret)) return connect_failed(rec, plattype, "HGConnectCubePlat", __LINE__, ret);
