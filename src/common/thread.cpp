@@ -25,8 +25,9 @@ namespace qdq {
 namespace {
 
 // Caps per kind, in the order of Work. Timer expiries are retried by the
-// tick a few seconds later; events, channel messages, pushes and commands
-// are refused like a failed thread creation.
+// tick a few seconds later; events and pushes are refused like a failed
+// thread creation; channel messages and commands submitted through
+// submit_work wait in their queue.
 constexpr int kCaps[kWorkKinds] = {16, 16, 16, 8, 8};
 // Queue depths behind the caps (docs/hardening.md): a plugin platform that
 // sends more than 48 messages without waiting for answers, or a host with

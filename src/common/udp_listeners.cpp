@@ -69,11 +69,16 @@ bool listener_alive(unsigned long id) {
     return false;
 }
 
-bool close_listener(unsigned long id) {
+bool close_listener(unsigned long id, int *slot) {
     std::lock_guard<std::mutex> lock(g_mutex);
     for (const auto &l : g_listeners) {
         if (l.fd >= 0 && l.id == id) {
-            close_locked(l.fd, true);
+            const int fd = l.fd;
+            if (slot != nullptr) {
+                int expected = fd;
+                __atomic_compare_exchange_n(slot, &expected, -1, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+            }
+            close_locked(fd, true);
             return true;
         }
     }

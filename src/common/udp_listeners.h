@@ -36,9 +36,11 @@ unsigned long listener_opened(int fd, unsigned port);
 // True while the socket recorded as `id` is still recorded.
 bool listener_alive(unsigned long id);
 
-// Takes the socket recorded as `id` out and closes it. False when it was
-// no longer recorded (someone else closed it; its number is not ours).
-bool close_listener(unsigned long id);
+// Takes the socket recorded as `id` out and closes it, emptying `*slot`
+// (-1) first when it publishes that socket. False, touching nothing, when
+// it was no longer recorded (someone else closed it; its number is not
+// ours, and may already name another descriptor).
+bool close_listener(unsigned long id, int *slot = nullptr);
 
 // Closes `fd` (any descriptor; if it is a listener, it is forgotten first),
 // with `shut_down` shutting it down before the close.

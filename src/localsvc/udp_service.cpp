@@ -47,16 +47,11 @@ public:
     // Closes the socket unless someone else has taken it; false then.
     bool drop() {
         if (!fd_.valid()) return true;
-        if (type_ == QDQ_PLAT_MANAGE) {
-            int expected = fd_.get();
-            __atomic_compare_exchange_n(&manageplatinfo.socketfd, &expected, -1, false, __ATOMIC_ACQ_REL,
-                                        __ATOMIC_ACQUIRE);
-        }
         if (id_ == 0) {
-            fd_.reset();  // never recorded: nobody else knows it
+            fd_.reset();  // never recorded nor published: nobody else knows it
             return true;
         }
-        const bool ours = qdq::close_listener(id_);
+        const bool ours = qdq::close_listener(id_, type_ == QDQ_PLAT_MANAGE ? &manageplatinfo.socketfd : nullptr);
         id_ = 0;
         fd_.release();  // closed by close_listener, or not ours to close
         return ours;
