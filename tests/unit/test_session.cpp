@@ -207,11 +207,13 @@ TEST_F(Session, ChannelAtItsWorkerCapQueuesThenCloses) {
             HgTcpSend(far.get(), (R"({"RPCMethod":"Post1","ID":)" + std::to_string(i) +
                                   R"(,"Parameter":"eyJDbWRUeXBlIjoieCJ9"})").c_str());  // {"CmdType":"x"}
     };
+    const int patience = static_cast<int>(10000 * qdq_test::slowdown());  // ms
     send_orders(cap + depth);
-    ASSERT_TRUE(local::wait_until([&] { return held == cap && qdq::queued_work(qdq::Work::channel) == depth; }));
+    ASSERT_TRUE(local::wait_until([&] { return held == cap && qdq::queued_work(qdq::Work::channel) == depth; },
+                                  patience));
     release = true;
     std::set<int> answered;
-    for (int i = 0; i < cap + depth && net::wait_in(far.get()); ++i) {
+    for (int i = 0; i < cap + depth && net::wait_in(far.get(), patience); ++i) {
         char *raw = nullptr;
         ASSERT_GT(HgTcpRcv(far.get(), &raw), 0);
         answered.insert(local::json_int(raw, "ID"));
@@ -223,10 +225,10 @@ TEST_F(Session, ChannelAtItsWorkerCapQueuesThenCloses) {
     release = false;
     held = 0;
     send_orders(cap + depth + 1);
-    EXPECT_TRUE(local::wait_until([&] { return local::closed(far.get()); })) << "channel still open";
+    EXPECT_TRUE(local::wait_until([&] { return local::closed(far.get()); }, patience)) << "channel still open";
     release = true;
     loop.join();
-    EXPECT_TRUE(local::wait_until([] { return qdq::live_workers(qdq::Work::channel) == 0; }));
+    EXPECT_TRUE(local::wait_until([] { return qdq::live_workers(qdq::Work::channel) == 0; }, patience));
     quickevcb.ability = nullptr;
 }
 
