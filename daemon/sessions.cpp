@@ -71,9 +71,11 @@ void *start_body(void *) {
 void *cube_again_body(void *) {
     const bool manage_was_registered = manageplatinfo.regflag != 0;
     connect_cube();
-    // The cube connect clears the whole manage record, session included.
+    // A cube connect that reached its platform clears the whole manage
+    // record, session included; one that did not (a silent cube platform)
+    // leaves the manage session alone, and it is not connected again.
     refill_if_empty(&manageplatinfo, 2);
-    if (manage_was_registered && platform_config(2).enabled) arm(1, kTimerManage);
+    if (manage_was_registered && manageplatinfo.regflag == 0 && platform_config(2).enabled) arm(1, kTimerManage);
     return nullptr;
 }
 

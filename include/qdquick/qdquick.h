@@ -261,8 +261,10 @@ QDQ_API int getUTFString(const char *src, char *dest); /* dest: 64 bytes */
 /* ---- Command execution --------------------------------------------------- */
 
 QDQ_API int safeSystem(const char *command);
-/* Runs command (at most 255 characters) after delay seconds on its own
- * thread; returns 1 once the worker took it, 0 after about three seconds. */
+/* Runs command (at most 255 characters) after delay seconds on a command
+ * worker thread (queued while all are busy); returns 1 once taken, 0 when
+ * refused: a wireless reload while one is pending (after about three
+ * seconds), or the command queue full. */
 QDQ_API int asyncSystem(const char *command, int delay);
 /* out_line: 256 bytes. */
 QDQ_API int chk_cmd_res(const char *command, const char *needle, char *out_line);

@@ -1,10 +1,12 @@
-// Delayed shell commands on a thread of their own, with wireless-service
-// reloads coalesced: of a burst of "/etc/init.d/wlan" requests arriving while
-// one waits out its delay, only the first runs, and only if the wireless
-// switch is on.
+// Delayed shell commands on worker threads, with wireless-service reloads
+// coalesced: of a burst of "/etc/init.d/wlan" requests arriving while one
+// waits out its delay, only the first runs, and only if the wireless switch
+// is on.
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include "common/clock.h"
@@ -14,6 +16,8 @@
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr std::size_t kCommandSize = 256;  // at most 255 characters run
 constexpr int kTakeWaitSeconds = 3;
 
@@ -21,59 +25,24 @@ constexpr int kTakeWaitSeconds = 3;
 // Coalescing is best-effort by design, but the counter itself is atomic.
 std::atomic<int> g_wlan_reloads{0};
 
-// The request is shared by the caller and the worker and freed by whichever
-// lets go last: the caller gives up after about three seconds, possibly
-// before a slow worker has even started, so it must not live on the caller's
-// stack.
+// One request, owned by the worker that runs it. The delay counts from the
+// call: a request that waited in the command queue (every command worker
+// busy) runs as soon as a worker takes it if its time has come.
 struct AsyncRequest {
     char command[kCommandSize] = {};
-    signed char delay = 0;  // 8 bits: 200 reads as negative, meaning no wait
-    std::atomic<bool> started{false};
-    std::atomic<int> refs{2};  // the caller and the worker
-};
-
-void release(AsyncRequest *request) {
-    if (request->refs.fetch_sub(1) == 1) delete request;
-}
-
-// Drops the caller's reference on every exit, a cancellation of the caller
-// during its wait included (the unwind runs this destructor).
-class CallerRef {
-public:
-    explicit CallerRef(AsyncRequest *request) : request_(request) {}
-    ~CallerRef() { release(request_); }
-    CallerRef(const CallerRef &) = delete;
-    CallerRef &operator=(const CallerRef &) = delete;
-
-private:
-    AsyncRequest *request_;
+    int delay = 0;
+    Clock::time_point queued;
 };
 
 bool is_wlan_reload(const char *command) { return std::strstr(command, "/etc/init.d/wlan") != nullptr; }
 
 void *proc_async_system(void *arg) {
-    auto *request = static_cast<AsyncRequest *>(arg);
-    char command[kCommandSize];
-    std::memcpy(command, request->command, sizeof command);
-
-    if (is_wlan_reload(command)) {
-        int before = g_wlan_reloads.fetch_add(1);
-        if (before != 0) {
-            // A reload is already pending: leave without taking the request,
-            // so the caller sees 0 after its full wait.
-            QDQ_LOG("wlan reload %d", before + 1);
-            release(request);
-            return nullptr;
-        }
-        QDQ_LOG("wlan reload action");
+    std::unique_ptr<AsyncRequest> request(static_cast<AsyncRequest *>(arg));
+    if (request->delay > 0) {
+        const double waited = std::chrono::duration<double>(Clock::now() - request->queued).count();
+        const double left = request->delay - waited / qdq::time_scale();
+        if (left > 0) qdq::sleep_for(left);
     }
-
-    int delay = request->delay;
-    request->started.store(true);
-    release(request);
-
-    if (delay > 0) qdq::sleep_for(delay);
-
     // Any command finishing while a reload is pending settles it, whatever
     // the command itself is.
     if (g_wlan_reloads.load() != 0) {
@@ -83,29 +52,42 @@ void *proc_async_system(void *arg) {
         g_wlan_reloads.store(0);
         if (std::atoi(value) == 0) return nullptr;  // wireless switched off
     }
-    safeSystem(command);
+    safeSystem(request->command);
     return nullptr;
 }
 
 }  // namespace
 
+// Every request is taken at once, onto a command worker or, with all of
+// them busy (each may be waiting out a delay of up to 127 s), into the
+// command queue behind them; a request is refused (0) only when that queue
+// is full too. A repeated wireless reload is not taken, after the caller's
+// full wait, as before.
 extern "C" QDQ_API int asyncSystem(const char *command, int delay) {
     if (command == nullptr) return 0;
-    auto *request = new (std::nothrow) AsyncRequest;
-    if (request == nullptr) return 0;
+    std::unique_ptr<AsyncRequest> request(new (std::nothrow) AsyncRequest);
+    if (!request) return 0;
     std::size_t len = strnlen(command, kCommandSize - 1);
     std::memcpy(request->command, command, len);
     request->command[len] = '\0';
-    request->delay = static_cast<signed char>(delay);
+    request->delay = static_cast<signed char>(delay);  // 8 bits: 200 reads as negative, meaning no wait
+    request->queued = Clock::now();
 
-    if (qdq::start_worker(qdq::Work::command, proc_async_system, request) != 0) {
-        delete request;  // no worker: the caller's is the only reference
+    const bool wlan = is_wlan_reload(request->command);
+    if (wlan) {
+        int before = g_wlan_reloads.fetch_add(1);
+        if (before != 0) {
+            // A reload is already pending: not taken.
+            QDQ_LOG("wlan reload %d", before + 1);
+            qdq::sleep_for(kTakeWaitSeconds);
+            return 0;
+        }
+        QDQ_LOG("wlan reload action");
+    }
+    if (qdq::submit_work(qdq::Work::command, proc_async_system, request.get()) != 0) {
+        if (wlan) g_wlan_reloads.store(0);  // nothing is pending after all
         return 0;
     }
-    CallerRef caller(request);
-    for (int i = 0; i < kTakeWaitSeconds; ++i) {
-        if (request->started.load()) break;
-        qdq::sleep_for(1);
-    }
-    return request->started.load() ? 1 : 0;
+    request.release();
+    return 1;
 }

@@ -45,9 +45,9 @@ extern "C" QDQ_API int IsTextUTF8(const char *bytes, unsigned long length) {
     return (pending == 0 && high_seen) ? 1 : 0;
 }
 
-// One iconv pass. The last byte of `out` is kept for the terminator: the
-// results are used as C text, and an output that would fill `out` entirely
-// counts as a full output (failure) instead of an unterminated one.
+// One iconv pass into all `out_len` bytes: a conversion that fills `out`
+// exactly succeeds, and its result is then not terminated (the caller
+// sized `out`; getUTFString keeps a byte back for the terminator).
 extern "C" QDQ_API int code_convert(const char *from, const char *to, char *in, size_t in_len,
                                     char *out, size_t out_len) {
     if (from == nullptr || to == nullptr || in == nullptr || out == nullptr || out_len == 0) return -1;
@@ -57,7 +57,7 @@ extern "C" QDQ_API int code_convert(const char *from, const char *to, char *in, 
     char *in_p = in;
     size_t in_left = in_len;
     char *out_p = out;
-    size_t out_left = out_len - 1;
+    size_t out_left = out_len;
     size_t rc = iconv(cd, &in_p, &in_left, &out_p, &out_left);
     iconv_close(cd);
     return rc == static_cast<size_t>(-1) ? -1 : 0;
@@ -73,6 +73,8 @@ extern "C" QDQ_API int g2u(char *in, size_t in_len, char *out, size_t out_len) {
 
 extern "C" QDQ_API int getUTFString(const char *src, char *dest) {
     if (src == nullptr || dest == nullptr) return -1;
-    // iconv's input pointer is not const but the text is only read.
-    return g2u(const_cast<char *>(src), std::strlen(src), dest, kUtfTextSize);
+    // iconv's input pointer is not const but the text is only read. The
+    // result is used as text: one byte of the 64 stays for its terminator.
+    dest[kUtfTextSize - 1] = '\0';
+    return g2u(const_cast<char *>(src), std::strlen(src), dest, kUtfTextSize - 1);
 }

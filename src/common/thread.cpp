@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 #include <memory>
+#include <mutex>
 #include <new>
 
 #include <sched.h>
@@ -24,9 +25,15 @@ namespace qdq {
 namespace {
 
 // Caps per kind, in the order of Work. Timer expiries are retried by the
-// tick a few seconds later; events, channel messages, pushes and commands
-// are refused like a failed thread creation.
+// tick a few seconds later; events and pushes are refused like a failed
+// thread creation; channel messages and commands submitted through
+// submit_work wait in their queue.
 constexpr int kCaps[kWorkKinds] = {16, 16, 16, 8, 8};
+// Queue depths behind the caps (docs/hardening.md): a plugin platform that
+// sends more than 48 messages without waiting for answers, or a host with
+// more than 40 shell commands pending, is refused.
+constexpr int kDepths[kWorkKinds] = {0, 32, 0, 0, 32};
+constexpr int kMaxDepth = 32;
 constexpr const char *kNames[kWorkKinds] = {"event", "channel", "timer expiry", "push", "command"};
 // Thread names as `ps -T` and `top -H` show them (at most 15 characters).
 constexpr const char *kThreadNames[kWorkKinds] = {"qdq-event", "qdq-channel", "qdq-expiry", "qdq-push",
@@ -113,7 +120,115 @@ void *named_entry(void *raw) {
     return fn(arg);
 }
 
+struct Job {
+    void *(*fn)(void *);
+    void *arg;
+};
+
+// The queue of one kind. `takers` counts the workers started through
+// submit_work that will look at the queue again before they end; a job is
+// queued only while one of them will.
+struct WorkQueue {
+    std::mutex mutex;  // a leaf lock: nothing is logged or started under it
+    Job jobs[kMaxDepth];
+    int head = 0;
+    int count = 0;
+    int takers = 0;
+};
+WorkQueue g_queues[kWorkKinds];
+
+// Needs the queue's mutex and room.
+void push_locked(WorkQueue &q, Job job) {
+    q.jobs[(q.head + q.count) % kMaxDepth] = job;
+    ++q.count;
+}
+
+struct Drainer {
+    Work kind;
+    Job first;
+};
+
+// Runs its job, then the queued ones, until the queue is empty.
+void *drain_entry(void *raw) {
+    std::unique_ptr<Drainer> d(static_cast<Drainer *>(raw));
+    WorkQueue &q = g_queues[index_of(d->kind)];
+    Job job = d->first;
+    d.reset();
+    for (;;) {
+        job.fn(job.arg);
+        NoCancel no_cancel;
+        std::lock_guard<std::mutex> lock(q.mutex);
+        if (q.count == 0) {
+            --q.takers;
+            return nullptr;
+        }
+        job = q.jobs[q.head];
+        q.head = (q.head + 1) % kMaxDepth;
+        --q.count;
+    }
+}
+
+int start_counted(Work kind, void *(*fn)(void *), void *arg, bool log_refusal);
+
 }  // namespace
+
+int queue_depth(Work kind) { return kDepths[index_of(kind)]; }
+
+int queued_work(Work kind) {
+    WorkQueue &q = g_queues[index_of(kind)];
+    NoCancel no_cancel;
+    std::lock_guard<std::mutex> lock(q.mutex);
+    return q.count;
+}
+
+int submit_work(Work kind, void *(*fn)(void *), void *arg) {
+    const int i = index_of(kind);
+    WorkQueue &q = g_queues[i];
+    NoCancel no_cancel;
+    int waiting = -1;
+    {
+        std::lock_guard<std::mutex> lock(q.mutex);
+        if (q.takers < kCaps[i]) {
+            ++q.takers;
+        } else if (q.count < kDepths[i]) {
+            push_locked(q, Job{fn, arg});
+            return 0;
+        } else {
+            waiting = q.count;
+        }
+    }
+    if (waiting >= 0) {
+        QDQ_LOG("thread limit reached: %d %s workers running, %d waiting, request refused", kCaps[i], kNames[i],
+                waiting);
+        return EAGAIN;
+    }
+    auto *d = new (std::nothrow) Drainer{kind, Job{fn, arg}};
+    int rc = d != nullptr ? EAGAIN : ENOMEM;
+    // A worker that has just given its place up counts until its thread is
+    // joined, a moment later: retry briefly, or queue the job when another
+    // worker will still look at the queue.
+    for (int attempt = 0; d != nullptr && attempt < 1000; ++attempt) {
+        rc = start_counted(kind, drain_entry, d, false);
+        if (rc != EAGAIN) break;
+        {
+            std::lock_guard<std::mutex> lock(q.mutex);
+            if (q.takers > 1 && q.count < kDepths[i]) {
+                --q.takers;
+                push_locked(q, d->first);
+                delete d;
+                return 0;
+            }
+        }
+        sched_yield();
+    }
+    if (rc != 0) {
+        delete d;
+        std::lock_guard<std::mutex> lock(q.mutex);
+        --q.takers;
+    }
+    if (rc == EAGAIN) QDQ_LOG("thread limit reached: %d %s workers running, request refused", kCaps[i], kNames[i]);
+    return rc;
+}
 
 void reap_workers() {
     // pthread_join is a cancellation point: a cancelled caller must not
@@ -178,7 +293,11 @@ int live_workers_total() {
     return total;
 }
 
-int start_worker(Work kind, void *(*fn)(void *), void *arg) {
+int start_worker(Work kind, void *(*fn)(void *), void *arg) { return start_counted(kind, fn, arg, true); }
+
+namespace {
+
+int start_counted(Work kind, void *(*fn)(void *), void *arg, bool log_refusal) {
     const int i = index_of(kind);
     reap_workers();
     // The place is taken before the thread exists, and only while one is
@@ -187,7 +306,8 @@ int start_worker(Work kind, void *(*fn)(void *), void *arg) {
     int live = g_live[i].load();
     do {
         if (live >= kCaps[i]) {
-            QDQ_LOG("thread limit reached: %d %s workers running, request dropped", kCaps[i], kNames[i]);
+            if (log_refusal)
+                QDQ_LOG("thread limit reached: %d %s workers running, request dropped", kCaps[i], kNames[i]);
             return EAGAIN;
         }
     } while (!g_live[i].compare_exchange_weak(live, live + 1));
@@ -199,5 +319,7 @@ int start_worker(Work kind, void *(*fn)(void *), void *arg) {
     }
     return rc;
 }
+
+}  // namespace
 
 }  // namespace qdq

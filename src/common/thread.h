@@ -48,6 +48,19 @@ void reap_workers();
 // the caller's.
 int start_worker(Work kind, void *(*fn)(void *), void *arg);
 
+// Work that must not be lost at the cap (channel messages, shell commands)
+// goes through a queue of documented depth behind the capped workers: with
+// every place taken, fn(arg) waits there, first in first out, for the next
+// worker of its kind that finishes. Returns 0 (started or queued), EAGAIN
+// when the queue is full too (logged), or another errno value; on failure
+// fn never runs and arg stays the caller's. Queued work runs on the
+// finishing worker's thread; its workers are never cancelled.
+int submit_work(Work kind, void *(*fn)(void *), void *arg);
+// Depth of the queue of `kind` (0: none, refused at the cap).
+int queue_depth(Work kind);
+// Work of `kind` waiting in its queue.
+int queued_work(Work kind);
+
 // Disables cancellation for its scope, so that a lock or descriptor taken
 // inside can never be abandoned by a cancellation.
 class NoCancel {

@@ -23,8 +23,24 @@
 
 namespace qdq {
 
-// Records `fd` as the socket listening on UDP `port`.
-void listener_opened(int fd, unsigned port);
+// Records `fd` as the socket listening on UDP `port`. Returns the record's
+// id, which names this socket however its number is reused later, or 0
+// when the table is full (the port then gets no send-through).
+//
+// A recorded socket belongs to the registry: whoever takes it out (its own
+// service dropping it, or a platform disconnect closing the record that
+// publishes it) closes it, after shutting it down so that the service's
+// wait wakes up.
+unsigned long listener_opened(int fd, unsigned port);
+
+// True while the socket recorded as `id` is still recorded.
+bool listener_alive(unsigned long id);
+
+// Takes the socket recorded as `id` out and closes it, emptying `*slot`
+// (-1) first when it publishes that socket. False, touching nothing, when
+// it was no longer recorded (someone else closed it; its number is not
+// ours, and may already name another descriptor).
+bool close_listener(unsigned long id, int *slot = nullptr);
 
 // Closes `fd` (any descriptor; if it is a listener, it is forgotten first),
 // with `shut_down` shutting it down before the close.
@@ -34,6 +50,19 @@ void close_descriptor(int fd, bool shut_down = false);
 // close_descriptor does, both under the registry's lock. A slot holding 0
 // or less is only set to -1 (0 is what a cleared record holds).
 void close_slot(int *slot, bool shut_down = false);
+
+// Takes the descriptor out of `*slot` (storing -1) and closes it, unless it
+// is a recorded listener: that one stays with its service, which goes on.
+void release_slot(int *slot, bool shut_down = false);
+
+// Stores `fd` in `*slot` when the slot holds no descriptor (0 or less);
+// false, storing nothing, when it holds one.
+bool install_slot(int *slot, int fd);
+
+// Closes the descriptor in `*slot` (storing -1) when it is the same socket
+// as `fd` (a duplicate of it); false, changing nothing, when the slot holds
+// another one or none.
+bool close_slot_if_same(int *slot, int fd);
 
 // A close-on-exec duplicate of the descriptor in `*slot`, taken under the
 // same lock, or -1. The duplicate stays the same connection however the

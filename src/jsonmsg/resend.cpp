@@ -2,7 +2,10 @@
 // platform acknowledges it (its "Result" 1 or -1 reaches the dispatcher).
 #include <cstring>
 
+#include "common/json.h"
 #include "common/log.h"
+#include "common/socket.h"
+#include "common/udp_listeners.h"
 #include "jsonmsg/processjsonmsg.h"
 #include "platintf/hgprocessplatintf.h"
 #include "platintf/session.h"
@@ -11,25 +14,44 @@ namespace {
 
 constexpr int kResendLimit = 4;
 constexpr int kResendPeriod = 60;  // seconds
+constexpr unsigned kTcpAnswerWait = 10;  // seconds, as for a Boot
 constexpr std::size_t kAnswerSize = 512;
 
-// Sends the kept reply. Neither way waits here: the platform's
-// acknowledgement arrives where its other messages arrive and reaches the
-// dispatcher from there, which stops the resends. So every resend counts as
-// unanswered until then.
-void resend(const char *kept) {
+// An answer that carries "Result" is the platform's acknowledgement.
+bool is_acknowledgement(const char *text) {
+    qdq::JsonPtr obj(cJSON_Parse(text));
+    return obj && cJSON_GetObjectItemCaseSensitive(obj.get(), "Result") != nullptr;
+}
+
+// Sends the kept reply; true when the platform's acknowledgement came back
+// here (and was handed to the dispatcher). Otherwise it arrives where the
+// platform's other messages arrive and reaches the dispatcher from there,
+// which stops the resends; until then every resend counts as unanswered.
+bool resend(const char *kept) {
     if (manageplatinfo.tcpflag != 0) {
-        // Over TCP the reply goes out on the kept connection; the channel's
-        // receive loop owns every read on that socket. The TCP request
-        // client is not used here: with no wait it would close the
-        // connection the channel is still reading.
-        if (qdq::session_send(&manageplatinfo, kept) < 0) QDQ_LOG("HGResendManagePlatReply: no manage connection");
-        return;
+        // A kept connection: the reply goes out on it, and the channel's
+        // receive loop reads the answer (the TCP request client would close
+        // the connection the channel is still reading).
+        qdq::Fd live(qdq::duplicate_slot(&manageplatinfo.socketfd));
+        if (live.valid()) {
+            if (HgTcpSend(live.get(), kept) < 1) QDQ_LOG("HGResendManagePlatReply: send failed");
+            return false;
+        }
+        // None kept: the TCP request client makes one for this exchange and
+        // closes it again, as nothing else would read it.
+        char answer[kAnswerSize + 1] = "";
+        if (HGSendTcpRequestOnce(QDQ_PLAT_MANAGE, kept, answer, kTcpAnswerWait) != 0) return false;
+        const char *text = answer + 4;  // after the frame header
+        if (!is_acknowledgement(text)) return false;
+        int type = QDQ_PLAT_MANAGE;
+        HGProcessPlatJsonMsg(text, nullptr, &type);
+        return true;
     }
     // Over UDP from the platform's local port, where the local UDP service
     // listens for the answer.
     char answer[kAnswerSize] = "";
     HGSendUdpRequest(manageplatinfo.localport, manageplatinfo.curip, manageplatinfo.port, kept, answer, 0);
+    return false;
 }
 
 }  // namespace
@@ -39,10 +61,12 @@ void HGResendManagePlatReply() {
     char kept[sizeof platreplybuf];
     std::memcpy(kept, platreplybuf, sizeof kept);
     kept[sizeof kept - 1] = '\0';
-    if (kept[0] == '\0')
+    if (kept[0] == '\0') {
         QDQ_LOG("platreplybuf is null!");
-    else
-        resend(kept);
+    } else if (resend(kept)) {
+        QDQ_LOG("HGResendManagePlatReply() end!");
+        return;
+    }
     if (++platresendnum >= kResendLimit) {
         // Give up and connect the manage platform again.
         std::memset(platreplybuf, 0, sizeof platreplybuf);

@@ -21,13 +21,13 @@ namespace {
 // datagram of the full size is still a terminated text.
 constexpr std::size_t kRequestMax = 2048;
 
-// The service socket. For plattype 2 it is published in
-// manageplatinfo.socketfd, where the platform session may take it: the
-// session takes a socket out of the record in one atomic exchange and then
-// closes it. The rule on both sides is "whoever takes it out of the record
-// closes it", so this service closes its socket only after taking it back
-// with a compare-and-exchange; when the session was first, the number is
-// the session's to close (closing it here could close a reused number).
+// The service socket. Once bound it is recorded in the listener registry,
+// which owns it from then on: whoever takes it out of the registry closes
+// it (the service when it re-opens or ends, or a platform disconnect, which
+// closes the socket the manage record publishes). For plattype 2 it is
+// published in manageplatinfo.socketfd while that holds no descriptor. A
+// connect that takes it out of the record leaves it open: the service goes
+// on answering until a disconnect closes it.
 class ServiceSocket {
 public:
     explicit ServiceSocket(int type) : type_(type) {}
@@ -37,32 +37,34 @@ public:
 
     bool open() {
         fd_.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        if (!fd_.valid()) return false;
-        if (type_ == QDQ_PLAT_MANAGE) __atomic_store_n(&manageplatinfo.socketfd, fd_.get(), __ATOMIC_RELEASE);
-        return true;
+        return fd_.valid();
     }
-    // Closes the socket unless the session has taken it; false then.
+    // After the bind: recorded for `port` and, for plattype 2, published.
+    void listening(unsigned port) {
+        id_ = qdq::listener_opened(fd_.get(), port);
+        if (id_ != 0 && type_ == QDQ_PLAT_MANAGE) qdq::install_slot(&manageplatinfo.socketfd, fd_.get());
+    }
+    // Closes the socket unless someone else has taken it; false then.
     bool drop() {
-        int expected = fd_.get();
-        if (type_ == QDQ_PLAT_MANAGE && fd_.valid() &&
-            !__atomic_compare_exchange_n(&manageplatinfo.socketfd, &expected, -1, false, __ATOMIC_ACQ_REL,
-                                         __ATOMIC_ACQUIRE)) {
-            fd_.release();  // not ours to close
-            return false;
+        if (!fd_.valid()) return true;
+        if (id_ == 0) {
+            fd_.reset();  // never recorded nor published: nobody else knows it
+            return true;
         }
-        qdq::close_descriptor(fd_.release());
-        return true;
+        const bool ours = qdq::close_listener(id_, type_ == QDQ_PLAT_MANAGE ? &manageplatinfo.socketfd : nullptr);
+        id_ = 0;
+        fd_.release();  // closed by close_listener, or not ours to close
+        return ours;
     }
-    // False once the platform session has taken the socket (a disconnect):
-    // the service then ends without touching the descriptor again.
-    bool ours() const {
-        return type_ != QDQ_PLAT_MANAGE || __atomic_load_n(&manageplatinfo.socketfd, __ATOMIC_ACQUIRE) == fd_.get();
-    }
+    // False once the socket was taken (a disconnect): the service then ends
+    // without touching the descriptor again.
+    bool ours() const { return id_ == 0 || qdq::listener_alive(id_); }
     int get() const { return fd_.get(); }
 
 private:
     int type_;
     qdq::Fd fd_;
+    unsigned long id_ = 0;
 };
 
 enum class Next { Reopen, Taken };
@@ -175,7 +177,7 @@ int StartProcessUdpRequest(int *plattype) {
             QDQ_LOG("bind failed, errno=%s\n", std::strerror(errno));
             return -1;
         }
-        qdq::listener_opened(sock.get(), port);
+        sock.listening(port);
         qdq::open_firewall_port("udp", port);
         if (serve(sock, plattype) == Next::Taken || !sock.drop()) {
             QDQ_LOG("StartProcessUdpRequest: socket taken by the platform session, end\n");

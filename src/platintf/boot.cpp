@@ -82,12 +82,16 @@ int HgProcessBoot(int plattype) {
     HgSetPlateStatus(plattype, "connecting", 0);
 
     BootState st{plattype, rec};
-    char msg[kSessionMsgSize];
     char reply[qdq::kSessionReplySize];
     char list[qdq::kMaxPlatAddresses][qdq::kAddrTextSize];
     for (;;) {  // one round: resolve the name afresh
         if (!qdq::is_newest_connect_thread(plattype, GuardPoint::BootRound)) return kSessionSuperseded;
-        GenerateBootMessage(plattype, msg);
+        // Sized to the printed text: a long "ChildRouter" list goes out whole.
+        const qdq::CText msg = GenerateBootMessage(plattype);
+        if (!msg) {
+            HgSetPlateStatus(plattype, "try_connect_failed", -1);
+            return kSessionNoAddress;
+        }
         std::memset(list, 0, sizeof list);
         const int count = AppGetIPListFromDNS(rec->MgtURL, list, deviceinfo.ipmode, qdq::kMaxPlatAddresses);
         QDQ_LOG("server have %d ip address!", count);
@@ -107,16 +111,16 @@ int HgProcessBoot(int plattype) {
             for (;;) {  // one attempt toward this address
                 QDQ_LOG("BOOT to server: %s\n", rec->curip);
                 const char *text = reply;
-                const int sent = qdq::session_exchange(plattype, *rec, msg, reply, 10, &text);
+                const int sent = qdq::session_exchange(plattype, *rec, msg.get(), reply, 10, &text);
                 if (!qdq::is_newest_connect_thread(plattype, GuardPoint::BootSent)) return kSessionSuperseded;
                 if (sent == -1) {
                     HgSetPlateStatus(plattype, "try_connect_failed", -1);
                     if (plugin) {
                         QDQ_LOG("plugin boot return -1, return!\n");
-                        // The TCP client has already closed the descriptor
-                        // of a failed exchange; only the number is left, and
-                        // closing it again could hit a reused descriptor.
-                        rec->socketfd = -1;
+                        // The TCP client has already closed a failed
+                        // exchange's connection and taken it out of the
+                        // record; this only resets it, under the lock.
+                        qdq::close_session_socket(rec);
                     }
                     QDQ_LOG("invalid internet connection!\n");
                     return kSessionNoAddress;

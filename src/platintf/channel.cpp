@@ -12,7 +12,6 @@
 // it), and owns everything it holds through destructors. A frame that
 // stalls half-way is read with cancellation disabled; the disconnect's
 // shutdown of the connection wakes that read.
-#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -23,6 +22,7 @@
 #include "common/log.h"
 #include "common/socket.h"
 #include "common/thread.h"
+#include "common/udp_listeners.h"
 #include "platintf/hgprocessplatintf.h"
 #include "platintf/reply_process.h"
 #include "platintf/session.h"
@@ -163,7 +163,7 @@ void HgProcessPlatTcpConnect(int plattype) {
     LoopCancelRegime regime;
     // The loop's own descriptor for the same connection; the record's
     // number stays the one everybody else sends on and closes.
-    qdq::Fd sock(rec->socketfd > 0 ? fcntl(rec->socketfd, F_DUPFD_CLOEXEC, 0) : -1);
+    qdq::Fd sock(qdq::duplicate_slot(&rec->socketfd));
     ChannelRegistration registration(plattype);
     rec->tid = pthread_self();
 
@@ -188,10 +188,11 @@ void HgProcessPlatTcpConnect(int plattype) {
             break;
         }
         // The worker owns its message: nothing is shared with the loop. At
-        // the cap on live channel workers the message is dropped (logged)
-        // and the channel stays up; any other failure ends the channel.
-        const int rc = qdq::start_worker(qdq::Work::channel, plugin_worker, text.get());
-        if (rc == EAGAIN) continue;
+        // the cap on live channel workers the message waits in the channel
+        // queue; when that is full too the channel ends, as after any
+        // failed start: the platform sees the connection close and the
+        // gateway connects again, instead of a message lost unanswered.
+        const int rc = qdq::submit_work(qdq::Work::channel, plugin_worker, text.get());
         if (rc != 0) {
             QDQ_LOG("create thread process plugin req failed");
             break;

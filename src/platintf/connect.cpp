@@ -14,15 +14,11 @@ namespace {
 
 // A connect that ends without a session gives its connection up: leaving
 // an open descriptor in `socketfd` for the next connect to overwrite with -1
-// would leak it. After a transport failure (101) the TCP client has closed
-// it already and only the number is left; a superseded thread (102) leaves
-// the record to the newer one.
+// would leak it. (After a transport failure (101) the TCP client has
+// already taken its connection out of the record.) A superseded thread
+// (102) leaves the record to the newer one.
 void release_session_socket(platinfo &rec, int ret) {
-    if (ret == kSessionSuperseded) return;
-    if (ret == kSessionNoAddress)
-        rec.socketfd = -1;
-    else
-        qdq::close_session_socket(&rec);
+    if (ret != kSessionSuperseded) qdq::close_session_socket(&rec);
 }
 
 int connect_failed(platinfo &rec, int plattype, const char *function, int line, int ret) {
@@ -70,7 +66,12 @@ void begin_guarded_connect(platinfo &rec, const platinfo *record) {
 void disconnect_and_clear(platinfo &cleared) {
     if (manageplatinfo.regflag != 0) HGDisconnectPlat(QDQ_PLAT_MANAGE);
     if (pluginplatinfo.regflag != 0) HGDisconnectPlat(QDQ_PLAT_PLUGIN);
+    // A connection still held is closed rather than lost to the clearing;
+    // a local UDP service's socket stays with its service. A cleared
+    // record holds no connection: -1, never descriptor 0.
+    qdq::close_session_socket(&cleared, true);
     std::memset(&cleared, 0, sizeof cleared);
+    cleared.socketfd = -1;
 }
 
 int connect_manage(platinfo *record) {
@@ -85,9 +86,10 @@ int connect_manage(platinfo *record) {
     AppMgrLogLine(qdq::kLogTrace, "HGConnectManagePlat: localport:%d\tregflag:%d", static_cast<int>(rec.localport),
                   rec.regflag);
     disconnect_and_clear(pluginplatinfo);
-    // A socket still held by the record (the manage port's local UDP
-    // service publishes its own there) is taken and closed, never just
-    // overwritten: an overwritten number would leak.
+    // A connection still held by the record is closed, never just
+    // overwritten (an overwritten number would leak). The manage port's
+    // local UDP service publishes its socket there too: that one is only
+    // taken out, and a service the host started keeps answering.
     qdq::close_session_socket(&rec, true);
     rec.tcpflag = 0;
     use_default_address(rec, qdq::default_manage_address(), 60001);
@@ -139,9 +141,6 @@ int connect_cube(platinfo *record) {
     }
     begin_guarded_connect(rec, record);
     QDQ_LOG("HGConnectCubePlat() ! localport:%d", static_cast<int>(rec.localport));
-    // The cube connect wipes the manage platform's record, address and port
-    // included: the cube registration decides where it is.
-    disconnect_and_clear(manageplatinfo);
     qdq::close_session_socket(&rec, true);
     rec.tcpflag = 0;
     use_default_address(rec, qdq::default_cube_address(), 12112);
@@ -153,6 +152,12 @@ int connect_cube(platinfo *record) {
         ret = HgProcessBoot(plattype);
         if (is_session_failure(ret)) return connect_failed(rec, plattype, "HGConnectCubePlat", __LINE__, ret);
     }
+    // The cube connect wipes the manage platform's record, address and port
+    // included: the cube registration decides where it is. It does so only
+    // once the cube platform has answered its Boot: a silent or refusing
+    // cube platform, retried by the host, would otherwise tear a working
+    // manage session down on every retry.
+    if (ret >= 0) disconnect_and_clear(manageplatinfo);
     if (ret == 0) {
         ret = HgProcessRegister(plattype);
         if (is_session_failure(ret)) return connect_failed(rec, plattype, "HGConnectCubePlat", __LINE__, ret);

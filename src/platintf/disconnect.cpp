@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "common/log.h"
+#include "common/udp_listeners.h"
 #include "platintf/reply_process.h"
 #include "platintf/session.h"
 
@@ -37,7 +38,9 @@ extern "C" QDQ_API int HGDisconnectPlat(int plattype) {
     // Shut down before closing: a channel loop reads from a duplicate of
     // this descriptor, and a read blocked inside a half-sent frame must
     // end now, as it would when the connection's last descriptor closes.
-    qdq::close_session_socket(rec, true);
+    // The manage record may publish its local UDP service's socket: the
+    // disconnect closes that one too, which ends the service.
+    qdq::close_slot(&rec->socketfd, true);
     std::memset(rec->heartbeatip, 0, sizeof rec->heartbeatip);
     rec->heartbeatport = 0;
     rec->interval = 0;

@@ -15,11 +15,15 @@ void HGProcessPlatHeatbeat(int plattype) {
     platinfo *rec = getPlatInfo(plattype);
     QDQ_LOG("start HGProcessPlatHeatbeat!");
     HgSetPlateStatus(plattype, "heartbeating", 0);
-    char msg[kHeartbeatMsgSize];
-    GenerateHeartBeatMessage(msg, plattype);
+    const qdq::CText msg = GenerateHeartBeatMessage(plattype);
     if (rec->regflag == 0) {
         // No timer is armed: the cycle ends here.
         QDQ_LOG("plat is not registed, return!");
+        return;
+    }
+    if (!msg) {
+        // Not built (out of memory): counts as a failed heartbeat.
+        ProcessHeartBeatReply(nullptr, plattype);
         return;
     }
     if (AppGetIPFromDNS(rec->heartbeatip) == -1) {
@@ -34,7 +38,7 @@ void HGProcessPlatHeatbeat(int plattype) {
         // would then end a live session.
         char reply[512];
         AppTimerCreate(20, qdq::kTimerManageHbTimeout, 0, QdTimeoutHandle);
-        const int ret = HGSendUdpRequest(rec->localport, rec->heartbeatip, rec->heartbeatport, msg, reply, 0);
+        const int ret = HGSendUdpRequest(rec->localport, rec->heartbeatip, rec->heartbeatport, msg.get(), reply, 0);
         QDQ_LOG("send udp heartbeat return %d", ret);
         if (ret == -1) {
             AppTimerDestory(qdq::kTimerManageHbTimeout);
@@ -43,7 +47,7 @@ void HGProcessPlatHeatbeat(int plattype) {
         }
         return;
     }
-    HGSendTcpHeartBeat(msg, plattype);
+    HGSendTcpHeartBeat(msg.get(), plattype);
 }
 
 void HGSendTcpHeartBeat(const char *message, int plattype) {

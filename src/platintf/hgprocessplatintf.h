@@ -56,8 +56,15 @@ bool WaitPlatformReply(int fd, unsigned timeout);
 // seconds and receives once at most 512 bytes into `reply` (>= 512 bytes):
 // the raw bytes, frame header included, so the text starts at reply + 4.
 // Returns 0 when the receive succeeded (a closed peer included), else -1.
-// The connection stays in the record after success; `socketfd` is reset to
-// -1 only after a failed connect, other failures close the descriptor but
-// leave its number for the caller to reset.
+// The connection stays in the record after success. The record's number is
+// only ever read, stored and closed under the descriptor lock (see
+// common/udp_listeners.h): the exchange runs on a duplicate, so a
+// disconnect meanwhile can never make it write on a reused number. A new
+// connection enters the record once connected; a failure closes it and
+// takes it out of the record (-1), and a `socketfd` of 0 (a cleared
+// record) counts as no connection, never as descriptor 0.
 int HGSendTcpRequest(unsigned plattype, const char *msg, char *reply, unsigned timeout);
 int HGSendTcpRequest_v6(unsigned plattype, const char *msg, char *reply, unsigned timeout);
+// The same exchange on a connection of its own, closed afterwards; the
+// record's `socketfd` is neither used nor changed.
+int HGSendTcpRequestOnce(unsigned plattype, const char *msg, char *reply, unsigned timeout);

@@ -38,7 +38,8 @@ QDQ_API struct deviceinfo *getSdkDevInfo(void) { return &deviceinfo; }
 QDQ_API void GetMacInSn(const char *sn, const char *marker) {
     if (sn == nullptr) return;
     const size_t cap = sizeof deviceinfo.mac;
-    if (marker != nullptr && *marker != '\0') {
+    // An empty marker occurs at the start of any serial.
+    if (marker != nullptr) {
         const char *at = std::strstr(sn, marker);
         if (at != nullptr) std::snprintf(deviceinfo.mac, cap, "%s", at);
     }

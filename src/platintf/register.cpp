@@ -44,20 +44,23 @@ int HgProcessRegister(int plattype) {
     unsigned wait = 10;
     int failures = 0;
     int refusals = 0;
-    char msg[kSessionMsgSize];
     char reply[qdq::kSessionReplySize];
     for (;;) {
         if (!qdq::is_newest_connect_thread(plattype, qdq::GuardPoint::Register)) return kSessionSuperseded;
-        GenerateRegMessage(plattype, rec->challengecode, msg);
+        const qdq::CText msg = GenerateRegMessage(plattype, rec->challengecode);
+        if (!msg) {
+            HgSetPlateStatus(plattype, "try_connect_failed", -1);
+            return kSessionNoAddress;
+        }
         QDQ_LOG("register to server: %s\n", rec->curip);
         const char *text = reply;
-        const int sent = qdq::session_exchange(plattype, *rec, msg, reply, wait, &text);
+        const int sent = qdq::session_exchange(plattype, *rec, msg.get(), reply, wait, &text);
         if (sent == -1) {
             HgSetPlateStatus(plattype, "try_connect_failed", -1);
             if (plugin) {
                 QDQ_LOG("plugin reg return -1, return!\n");
                 // Already closed by the TCP client; see HgProcessBoot.
-                rec->socketfd = -1;
+                qdq::close_session_socket(rec);
             }
             QDQ_LOG("invalid internet connection!\n");
             return kSessionNoAddress;

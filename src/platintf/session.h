@@ -94,7 +94,9 @@ int pick_address(int count, int last);
 int time_seeded_rand();
 
 // Closes the record's session socket (when it holds one, shut down first
-// when asked) and stores -1.
+// when asked) and stores -1. A local UDP service's socket published in the
+// manage record is taken out but left open to its service; only
+// HGDisconnectPlat ends that service.
 void close_session_socket(platinfo *rec, bool shut_down = false);
 
 // Sends one frame on the record's session connection (HgTcpSend's result;

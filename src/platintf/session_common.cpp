@@ -80,8 +80,9 @@ void close_session_socket(platinfo *rec, bool shut_down) {
     // lock: a channel ending by itself and a disconnect from another thread
     // may both get here, and only one of them may close the number; a
     // sender duplicating it meanwhile gets the connection or nothing. The
-    // manage record may hold the local service's listening socket.
-    close_slot(&rec->socketfd, shut_down);
+    // manage record may publish the local UDP service's socket instead:
+    // that one is only taken out, and the service goes on answering.
+    release_slot(&rec->socketfd, shut_down);
 }
 
 int session_send(platinfo *rec, const char *text) {

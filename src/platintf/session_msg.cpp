@@ -33,22 +33,25 @@ std::string new_devrnd() {
     return token;
 }
 
-int finish(const cJSON *obj, char *out, std::size_t cap, const char *what) {
-    if (qdq::print_into(obj, out, cap) < 0) {
-        QDQ_LOG("%s: message does not fit %u bytes, not sent", what, static_cast<unsigned>(cap));
-        return -1;
-    }
-    return 0;
+qdq::CText finish(const cJSON *obj, const char *what) {
+    qdq::CText text(cJSON_Print(obj));
+    if (!text) QDQ_LOG("%s: message could not be printed, not sent", what);
+    return text;
+}
+
+qdq::CText not_built(const char *what) {
+    QDQ_LOG("%s: message could not be built, not sent", what);
+    return nullptr;
 }
 
 }  // namespace
 
-int GenerateBootMessage(int plattype, char *out, std::size_t cap) {
+qdq::CText GenerateBootMessage(int plattype) {
     QDQ_LOG("GenerateBootMessage start!");
     try {
         const bool platform = plattype == QDQ_PLAT_MANAGE || plattype == QDQ_PLAT_PLUGIN;
         JsonPtr obj(cJSON_CreateObject());
-        if (!obj) return -1;
+        if (!obj) return not_built("GenerateBootMessage");
         add_str(obj.get(), "RPCMethod", platform ? "Boot" : "BootFirst");
         add_str(obj.get(), "Vendor", "quendara");
         add_str(obj.get(), "Model", deviceinfo.model);
@@ -86,19 +89,19 @@ int GenerateBootMessage(int plattype, char *out, std::size_t cap) {
         wanlinkmode[sizeof wanlinkmode - 1] = '\0';
         add_str(obj.get(), "Br0_IP", br0ip);
         add_str(obj.get(), "WanLinkMode", wanlinkmode);
-        int rc = finish(obj.get(), out, cap, "GenerateBootMessage");
+        qdq::CText text = finish(obj.get(), "GenerateBootMessage");
         QDQ_LOG("GenerateBootMessage end");
-        return rc;
+        return text;
     } catch (const std::exception &) {
-        return -1;
+        return not_built("GenerateBootMessage");
     }
 }
 
-int GenerateRegMessage(int plattype, const char *challengecode, char *out, std::size_t cap) {
+qdq::CText GenerateRegMessage(int plattype, const char *challengecode) {
     QDQ_LOG("GenerateRegMessage start!");
     try {
         JsonPtr obj(cJSON_CreateObject());
-        if (!obj) return -1;
+        if (!obj) return not_built("GenerateRegMessage");
         const char *method = plattype == QDQ_PLAT_CUBE ? "RegisterFirst"
                              : (plattype == QDQ_PLAT_MANAGE || plattype == QDQ_PLAT_PLUGIN) ? "Register"
                                                                                             : "";
@@ -116,19 +119,19 @@ int GenerateRegMessage(int plattype, const char *challengecode, char *out, std::
             add_str(obj.get(), "DevRND", new_devrnd().c_str());
             if (manageplatinfo.bootflag == 1) add_str(obj.get(), "pppoename", deviceinfo.pppoename);
         }
-        int rc = finish(obj.get(), out, cap, "GenerateRegMessage");
+        qdq::CText text = finish(obj.get(), "GenerateRegMessage");
         QDQ_LOG("GenerateRegMessage end");
-        return rc;
+        return text;
     } catch (const std::exception &) {
-        return -1;
+        return not_built("GenerateRegMessage");
     }
 }
 
-int GenerateHeartBeatMessage(char *out, int plattype, std::size_t cap) {
+qdq::CText GenerateHeartBeatMessage(int plattype) {
     QDQ_LOG("GenerateHeartBeatMessage start! plattype:%d", plattype);
     try {
         JsonPtr obj(cJSON_CreateObject());
-        if (!obj) return -1;
+        if (!obj) return not_built("GenerateHeartBeatMessage");
         if (plattype == QDQ_PLAT_PLUGIN) {
             add_str(obj.get(), "RPCMethod", "Heartbeat");
             add_str(obj.get(), "IPAddr", deviceinfo.ipaddr);
@@ -138,10 +141,10 @@ int GenerateHeartBeatMessage(char *out, int plattype, std::size_t cap) {
             add_str(obj.get(), "FLAG", std::to_string(manageplatinfo.firsthb).c_str());
         }
         add_str(obj.get(), "MAC", deviceinfo.mac);
-        int rc = finish(obj.get(), out, cap, "GenerateHeartBeatMessage");
+        qdq::CText text = finish(obj.get(), "GenerateHeartBeatMessage");
         QDQ_LOG("GenerateHeartBeatMessage end");
-        return rc;
+        return text;
     } catch (const std::exception &) {
-        return -1;
+        return not_built("GenerateHeartBeatMessage");
     }
 }

@@ -1,6 +1,7 @@
 // Request/response with a platform server over the platform record's TCP
 // connection, which is opened on first use and outlives the call.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -11,6 +12,7 @@
 
 #include "common/log.h"
 #include "common/socket.h"
+#include "common/udp_listeners.h"
 #include "platintf/hgprocessplatintf.h"
 
 namespace {
@@ -22,9 +24,11 @@ const char *address_text(const struct sockaddr_in &a, char (&buf)[INET_ADDRSTRLE
     return buf;
 }
 
-// Opens the record's connection (steps that end with `socketfd` set).
-// Returns the connected descriptor or -1; on failure the descriptor is
-// closed and `socketfd` written as the callers of this client expect.
+// Opens a connection from the record's `localport` to `curip`:`port`.
+// Returns the connected descriptor or -1 (closed again on failure). The
+// record's `socketfd` is not touched here: the caller publishes the
+// connection once it is connected, so that nobody else ever closes, or
+// sends on, a number this function may still close.
 int open_connection(platinfo *rec, bool v6) {
     const unsigned localport = rec->localport;
     const unsigned port = rec->port;
@@ -46,7 +50,6 @@ int open_connection(platinfo *rec, bool v6) {
             QDQ_LOG("set FD_CLOEXEC fail!\n");
     }
     QDQ_LOG("socket succ, socket:%d", sock.get());
-    rec->socketfd = sock.get();
     if (qdq::set_reuseaddr(sock.get()) == 0)
         QDQ_LOG("set address reuse succ!\n");
     else
@@ -71,7 +74,6 @@ int open_connection(platinfo *rec, bool v6) {
         addrlen = sizeof local4;
     }
     if (bind(sock.get(), local, addrlen) < 0) {
-        // `socketfd` keeps the closed number: the caller resets it.
         QDQ_LOG("bind failed, errno=%s\n", std::strerror(errno));
         return -1;
     }
@@ -80,7 +82,6 @@ int open_connection(platinfo *rec, bool v6) {
     if (!valid) {
         errno = EINVAL;
         QDQ_LOG("###inet_aton error, errno=%s\n", std::strerror(errno));
-        rec->socketfd = -1;
         return -1;
     }
     if (v6) {
@@ -95,17 +96,33 @@ int open_connection(platinfo *rec, bool v6) {
         QDQ_LOG("connect error! errno=%s\n", std::strerror(errno));
         // The persistent channel may have installed its own connection
         // meanwhile; a registered platform keeps it.
-        if (!v6 && rec->regflag == 1 && rec->socketfd != sock.get()) {
+        if (!v6 && rec->regflag == 1 && __atomic_load_n(&rec->socketfd, __ATOMIC_ACQUIRE) > 0)
             QDQ_LOG("platform is registered,no need to close the socket");
-            return -1;
-        }
-        rec->socketfd = -1;
         return -1;
     }
     return sock.release();
 }
 
-int tcp_exchange(bool v6, unsigned plattype, const char *msg, char *reply, unsigned timeout) {
+enum class Keep { record, once };
+
+// The connection of one exchange: a duplicate of the record's, or a new
+// one (published in the record unless `once`). -1 when none could be had.
+int take_connection(platinfo *rec, bool v6, Keep keep) {
+    if (keep == Keep::record) {
+        const int dup = qdq::duplicate_slot(&rec->socketfd);
+        if (dup >= 0) return dup;
+    }
+    qdq::Fd conn(open_connection(rec, v6));
+    if (!conn.valid() || keep == Keep::once) return conn.release();
+    qdq::Fd mine(fcntl(conn.get(), F_DUPFD_CLOEXEC, 0));
+    if (!mine.valid()) return -1;
+    // Another thread may have put its own connection there meanwhile: the
+    // record keeps that one, this exchange uses its own.
+    if (qdq::install_slot(&rec->socketfd, conn.get())) conn.release();
+    return mine.release();
+}
+
+int tcp_exchange(bool v6, unsigned plattype, const char *msg, char *reply, unsigned timeout, Keep keep) {
     const char *name = v6 ? "HGSendTcpRequest_v6" : "HGSendTcpRequest";
     if (v6)
         QDQ_LOG("HGSendTcpRegister start!\n");
@@ -130,15 +147,19 @@ int tcp_exchange(bool v6, unsigned plattype, const char *msg, char *reply, unsig
     QDQ_LOG("localport:%d\tremoteport:%d", static_cast<int>(rec->localport),
             static_cast<int>(rec->port));
 
-    // Only -1 means "no connection" (a cleared record's 0 is used as is).
-    int fd = rec->socketfd;
-    if (fd == -1) {
-        fd = open_connection(rec, v6);
-        if (fd < 0) return -1;
-    }
-    // Every failure below closes the connection; `socketfd` keeps its
-    // number for the caller to reset.
-    qdq::Fd conn(fd);
+    qdq::Fd conn(take_connection(rec, v6, keep));
+    if (!conn.valid()) return -1;
+    const int fd = conn.get();
+    // Every failure below ends the connection: taken out of the record
+    // (when it is still the record's) and closed.
+    struct Failure {
+        platinfo *rec;
+        int fd;
+        bool armed = true;
+        ~Failure() {
+            if (armed) qdq::close_slot_if_same(&rec->socketfd, fd);
+        }
+    } failure{rec, fd};
     ssize_t sent;
     do {
         // MSG_NOSIGNAL: a vanished server must fail the send, not raise
@@ -182,16 +203,20 @@ int tcp_exchange(bool v6, unsigned plattype, const char *msg, char *reply, unsig
                       qdq::kPlatModule, __LINE__, name, localport, static_cast<int>(plattype),
                       address_text(rec->remoteaddr, remote),
                       static_cast<int>(ntohs(rec->remoteaddr.sin_port)), textlen, text);
-    conn.release();  // the connection stays with the record
+    failure.armed = false;  // the connection stays with the record
     return 0;
 }
 
 }  // namespace
 
 int HGSendTcpRequest(unsigned plattype, const char *msg, char *reply, unsigned timeout) {
-    return tcp_exchange(false, plattype, msg, reply, timeout);
+    return tcp_exchange(false, plattype, msg, reply, timeout, Keep::record);
 }
 
 int HGSendTcpRequest_v6(unsigned plattype, const char *msg, char *reply, unsigned timeout) {
-    return tcp_exchange(true, plattype, msg, reply, timeout);
+    return tcp_exchange(true, plattype, msg, reply, timeout, Keep::record);
+}
+
+int HGSendTcpRequestOnce(unsigned plattype, const char *msg, char *reply, unsigned timeout) {
+    return tcp_exchange(deviceinfo.ipmode == AF_INET6, plattype, msg, reply, timeout, Keep::once);
 }

@@ -5,6 +5,7 @@
 
 #include <cjson/cJSON.h>
 
+#include <arpa/inet.h>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -14,6 +15,9 @@
 #include "distri.h"
 #include "plugin_files.h"
 #include "quick_install.h"
+#include "sessions.h"
+#include "threads.h"
+#include "common/socket.h"
 #include "qdquick/qdquick.h"
 #include "test_env.h"
 
@@ -136,6 +140,32 @@ TEST(DaemonPluginTexts, DescriptorLimitsHoldOnlyForUserPlugins) {
     }
     qdd::PluginDescriptor none;
     EXPECT_FALSE(qdd::read_descriptor("com.x.absent", none));
+}
+
+// A cube platform that never answers, retried on timer 8: each retry fails
+// at its Boot and leaves the registered manage session alone.
+TEST(DaemonSessions, SilentCubeRetriesLeaveTheManageSessionAlone) {
+    qdq::Fd silent(socket(AF_INET, SOCK_DGRAM, 0));
+    sockaddr_in a{};
+    qdq::ipv4_address("127.0.0.1", 0, a);
+    ASSERT_EQ(bind(silent.get(), reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
+    socklen_t len = sizeof a;
+    getsockname(silent.get(), reinterpret_cast<sockaddr *>(&a), &len);
+    qdd::Config c;
+    c.cube.address = "127.0.0.1";
+    c.cube.port = ntohs(a.sin_port);
+    qdd::sessions_configure(c);
+    getSdkDevInfo()->ipmode = AF_INET;
+    std::snprintf(manageplatinfo.MgtURL, sizeof manageplatinfo.MgtURL, "10.0.0.2");
+    manageplatinfo.regflag = 1;
+    for (int retry = 0; retry < 3; ++retry) {
+        qdd::sessions_on_cube_timer();
+        ASSERT_TRUE(qdd::wait_session_threads(30));
+        EXPECT_STREQ(cubeplatinfo.status, "connect_failed");
+        EXPECT_EQ(manageplatinfo.regflag, 1);
+        EXPECT_STREQ(manageplatinfo.MgtURL, "10.0.0.2");
+    }
+    manageplatinfo.regflag = 0;
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <initializer_list>
+#include <thread>
 #include <vector>
 
 #include "dispatch_helpers.h"
@@ -156,6 +157,22 @@ TEST_F(Orders, ResendOverUdpAndTcpGivesUpAfterFour) {
     EXPECT_NE(fcntl(near.get(), F_GETFD), -1);  // the channel's socket stays open
     run(R"({"Result":1})", 2);
     EXPECT_EQ(std::vector<int>({platresendnum, armed(18)}), std::vector<int>({0, -1}));
+
+    // No connection kept: the TCP request client makes one for the resend,
+    // and the platform's acknowledgement on it is handled at once.
+    qdq::Fd server = net::bound(SOCK_STREAM, true);
+    manageplatinfo.socketfd = -1, manageplatinfo.port = net::port_of(server.get());
+    manageplatinfo.nexttimer = 10, srvreplyflag = 1;
+    std::thread platform([&] {
+        qdq::Fd conn(accept(server.get(), nullptr, nullptr));
+        EXPECT_EQ(net::read_n(conn.get(), 6), net::frame("{}"));
+        const std::string ack = net::frame(R"({"Result":1})");
+        send(conn.get(), ack.data(), ack.size(), 0);
+    });
+    HGResendManagePlatReply();
+    platform.join();
+    EXPECT_EQ(std::vector<int>({platresendnum, armed(18), armed(10), manageplatinfo.socketfd}),
+              std::vector<int>({0, -1, 1, -1}));
 }
 
 // What the plugin facade handed to the host's hooks, texts quoted.

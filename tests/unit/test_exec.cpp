@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "platform_double.h"
 #include "qdquick/qdquick.h"
@@ -88,6 +89,17 @@ TEST_F(Exec, AsyncDelaysAndCuts) {
     settle(0.05);
     EXPECT_EQ(qdq_test::read_file(cut), std::string(255 - prefix.size(), 'x') + "\n");
     EXPECT_EQ(uci_reads(), 0u);
+}
+
+// More delayed commands at once than there are command workers: every one
+// is taken, waits in the queue behind the busy workers, and runs.
+TEST_F(Exec, MoreDelayedCommandsThanWorkersAllRun) {
+    std::vector<std::string> files;
+    for (int i = 0; i < 12; ++i) {
+        files.push_back(marker(("many" + std::to_string(i)).c_str()));
+        EXPECT_EQ(asyncSystem(cmd(files.back()).c_str(), 4), 1) << i;
+    }
+    for (const std::string &file : files) EXPECT_TRUE(wait_for(file, 20)) << file;
 }
 
 TEST_F(Exec, WlanReloadsCoalesce) {

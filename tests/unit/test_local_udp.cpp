@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "common/log.h"
+#include "common/udp_listeners.h"
 #include "local_helpers.h"
 #include "localsvc/callbacks.h"
 #include "localsvc/quickinstall.h"
@@ -90,9 +91,7 @@ TEST(LocalUdp, ManagePortSkipsEmptyDispatchReopensAfterErrorEndsOnDisconnect) {
     // down and closes it. The service ends without touching the number
     // again: a descriptor that reuses it stays open; the port is free and
     // nothing leaked.
-    const int taken = __atomic_exchange_n(&manageplatinfo.socketfd, -1, __ATOMIC_ACQ_REL);
-    shutdown(taken, SHUT_RDWR);
-    close(taken);
+    qdq::close_slot(&manageplatinfo.socketfd, true);
     qdq::Fd reuse(open("/dev/null", O_RDONLY | O_CLOEXEC));
     ASSERT_TRUE(local::wait_until([] { return net::logged(qdq::kLogMain, "socket taken by the platform session"); }));
     EXPECT_GE(fcntl(reuse.get(), F_GETFD), 0);
@@ -104,6 +103,31 @@ TEST(LocalUdp, ManagePortSkipsEmptyDispatchReopensAfterErrorEndsOnDisconnect) {
     reuse.reset();
     c.fd.reset();
     EXPECT_TRUE(local::wait_until([&] { return net::open_fds() == fds; })) << net::open_fds() << " vs " << fds;
+}
+
+// The host starts the manage port's service itself. Connects that fail
+// (the manage platform's own, and a cube connect that wipes the manage
+// record) take its socket out of the record but leave the service
+// answering; only a disconnect ends it.
+TEST(LocalUdp, HostStartedManagePortOutlivesFailedConnects) {
+    static int manage = QDQ_PLAT_MANAGE;
+    const unsigned port = local::free_port(SOCK_DGRAM);
+    manageplatinfo.localport = port;
+    manageplatinfo.socketfd = -1;
+    deviceinfo.ipmode = AF_INET;
+    ASSERT_EQ(CreatePrecessUdpReqThread(&manage), 0);
+    ASSERT_TRUE(local::udp_answers(port));
+    const int published = manageplatinfo.socketfd;
+    ASSERT_GT(published, 0);
+    for (platinfo *rec : {&manageplatinfo, &cubeplatinfo})
+        std::snprintf(rec->MgtURL, sizeof rec->MgtURL, "0.1.2.3");  // no IPv4 literal by the gateway's test
+    EXPECT_EQ(HGConnectManagePlat(&manageplatinfo), 103);
+    EXPECT_EQ(manageplatinfo.socketfd, -1);
+    EXPECT_TRUE(local::udp_answers(port)) << "silent after a failed manage connect";
+    EXPECT_EQ(HGConnectCubePlat(&cubeplatinfo), 103);
+    EXPECT_EQ(manageplatinfo.socketfd, -1);  // cleared, but not to descriptor 0
+    EXPECT_TRUE(local::udp_answers(port)) << "silent after a cube connect";
+    EXPECT_GE(fcntl(published, F_GETFD), 0);
 }
 
 TEST(LocalUdp, RefusesOtherSourcesAndEndsWhenThePortIsTaken) {
@@ -120,7 +144,7 @@ TEST(LocalUdp, RefusesOtherSourcesAndEndsWhenThePortIsTaken) {
     const long fds = net::open_fds();
     int type = QDQ_PLAT_MANAGE;
     EXPECT_EQ(StartProcessUdpRequest(&type), -1);
-    EXPECT_EQ(manageplatinfo.socketfd, -1);
+    EXPECT_LE(manageplatinfo.socketfd, 0);  // the closed socket was never published
     EXPECT_EQ(net::open_fds(), fds);
 }
 

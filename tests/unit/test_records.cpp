@@ -19,7 +19,8 @@ TEST(Records, MacFromSerial) {
     struct Case { const char *sn, *marker, *preset, *mac; };
     for (const Case &c : {Case{"ABCDEFGH1234567890XY", "#", "", "1234567890XY"},  // last 12
                           {"SN123456", "#", "", "SN123456"},                      // short: whole
-                          {"123456789012", "", "", "123456789012"},               // exactly 12
+                          {"123456789012", "#", "", "123456789012"},              // exactly 12
+                          {"ABCDEFGH1234567890XY", "", "", "ABCDEFGH1234567890XY"},  // "" found at 0
                           {"GW-001122334455", "0011", "", "001122334455"},        // from the marker on
                           {"ABCDEFGH1234567890XY", "#", "AA:BB", "AA:BB"}}) {     // host's value kept
         std::snprintf(deviceinfo.mac, sizeof deviceinfo.mac, "%s", c.preset);

@@ -2,6 +2,7 @@
 // channel loop stopped from another thread) and what the platforms' answers
 // do to the records, the configuration, the status word and the timers.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -9,12 +10,16 @@
 #include <atomic>
 #include <chrono>
 #include <map>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "common/clock.h"
+#include "common/thread.h"
 #include "dispatch_helpers.h"
+#include "local_helpers.h"
+#include "platintf/hgprocessplatintf.h"
 #include "platintf/reply_process.h"
 #include "platintf/session.h"
 
@@ -142,12 +147,19 @@ TEST_F(Session, DisconnectStopsABlockedLoopWithoutLeaks) {
     }
 }
 
-// A sender and a disconnect race on one record, and the closed number is
-// reused at once by a new connection: no frame may ever reach it.
+// Senders (the channel's and the TCP request client) and a disconnect race
+// on one record, and the closed number is reused at once by a new
+// connection: no frame may ever reach it, and nothing may close it.
 TEST_F(Session, SessionSendsNeverReachAReusedDescriptorNumber) {
     std::atomic<bool> stop{false};
     std::thread sender([&] {
-        while (!stop) qdq::session_send(&manageplatinfo, "{\"Result\":1}");
+        char reply[512];
+        for (unsigned n = 0; !stop; ++n) {
+            if (n % 2 == 0)
+                qdq::session_send(&manageplatinfo, "{\"Result\":1}");
+            else
+                HGSendTcpRequest(QDQ_PLAT_MANAGE, "{\"RPCMethod\":\"Boot\"}", reply, 0);
+        }
     });
     int stray = 0;
     // Without the descriptor lock about one round in 50,000 hits the window.
@@ -162,13 +174,85 @@ TEST_F(Session, SessionSendsNeverReachAReusedDescriptorNumber) {
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, reuse), 0);  // takes pair[0]'s number
         sched_yield();
         char buf[64];
-        if (recv(reuse[1], buf, sizeof buf, MSG_DONTWAIT) > 0) ++stray;
+        if (recv(reuse[1], buf, sizeof buf, MSG_DONTWAIT) > 0 || fcntl(reuse[0], F_GETFD) == -1) ++stray;
         close(reuse[0]);
         close(reuse[1]);
     }
     stop = true;
     sender.join();
     EXPECT_EQ(stray, 0);
+}
+
+// A plugin platform that sends more messages than there are channel
+// workers (each held here by the host's ability callback): the rest wait in
+// the channel queue and every one is answered; one more than the queue
+// holds ends the channel, and the platform sees it close.
+TEST_F(Session, ChannelAtItsWorkerCapQueuesThenCloses) {
+    static std::atomic<int> held{0};
+    static std::atomic<bool> release{false};
+    quickevcb.ability = [](cJSON *, int *) {
+        ++held;
+        while (!release) usleep(1000);
+    };
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    qdq::Fd far(pair[1]);
+    pluginplatinfo.socketfd = pair[0];
+    pluginplatinfo.regflag = 1;
+    pluginplatinfo.interval = 20;
+    std::thread loop([] { HgProcessPlatTcpConnect(QDQ_PLAT_PLUGIN); });
+    const int cap = qdq::worker_cap(qdq::Work::channel), depth = qdq::queue_depth(qdq::Work::channel);
+    auto send_orders = [&](int n) {
+        for (int i = 0; i < n; ++i)
+            HgTcpSend(far.get(), (R"({"RPCMethod":"Post1","ID":)" + std::to_string(i) +
+                                  R"(,"Parameter":"eyJDbWRUeXBlIjoieCJ9"})").c_str());  // {"CmdType":"x"}
+    };
+    const int patience = static_cast<int>(10000 * qdq_test::slowdown());  // ms
+    send_orders(cap + depth);
+    ASSERT_TRUE(local::wait_until([&] { return held == cap && qdq::queued_work(qdq::Work::channel) == depth; },
+                                  patience));
+    release = true;
+    std::set<int> answered;
+    for (int i = 0; i < cap + depth && net::wait_in(far.get(), patience); ++i) {
+        char *raw = nullptr;
+        ASSERT_GT(HgTcpRcv(far.get(), &raw), 0);
+        answered.insert(local::json_int(raw, "ID"));
+        EXPECT_EQ(local::json_int(raw, "Result"), 0) << raw;
+        free(raw);
+    }
+    EXPECT_EQ(answered.size(), size_t(cap + depth));
+
+    release = false;
+    held = 0;
+    send_orders(cap + depth + 1);
+    EXPECT_TRUE(local::wait_until([&] { return local::closed(far.get()); }, patience)) << "channel still open";
+    release = true;
+    loop.join();
+    EXPECT_TRUE(local::wait_until([] { return qdq::live_workers(qdq::Work::channel) == 0; }, patience));
+    quickevcb.ability = nullptr;
+}
+
+// A cleared record holds 0: no connection, never descriptor 0 (the host's
+// standard input here). The request opens a connection of its own.
+TEST_F(Session, TcpRequestOnAClearedRecordLeavesDescriptorZeroAlone) {
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    qdq::Fd saved(dup(0)), far(pair[1]);
+    ASSERT_EQ(dup2(pair[0], 0), 0);
+    close(pair[0]);
+    qdq::Fd server = net::bound(SOCK_STREAM, true);
+    manageplatinfo.socketfd = 0;
+    manageplatinfo.port = net::port_of(server.get());
+    std::snprintf(manageplatinfo.curip, sizeof manageplatinfo.curip, "127.0.0.1");
+    char reply[512];
+    EXPECT_EQ(HGSendTcpRequest(QDQ_PLAT_MANAGE, "{}", reply, 1), -1);  // accepted by the backlog, never answered
+    char buf[16];
+    EXPECT_EQ(recv(far.get(), buf, sizeof buf, MSG_DONTWAIT), -1) << "written on descriptor 0";
+    EXPECT_NE(fcntl(0, F_GETFD), -1) << "descriptor 0 closed";
+    qdq::Fd conn(accept(server.get(), nullptr, nullptr));
+    EXPECT_EQ(net::read_n(conn.get(), 6), net::frame("{}"));
+    EXPECT_EQ(manageplatinfo.socketfd, -1);
+    dup2(saved.get(), 0);
 }
 
 // The reply time-out is armed before the heartbeat leaves (the answer, which

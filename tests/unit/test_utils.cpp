@@ -74,6 +74,11 @@ TEST(Utils, CharsetConversion) {
     EXPECT_STREQ(gb, "\xD6\xD0\xCE\xC4");
     EXPECT_EQ(g2u(gb, 4, small, sizeof small), -1);  // full output, still terminated
     EXPECT_EQ(small[3], '\0');
+    char exact[6];  // the conversion fills it to the last byte: success
+    ASSERT_EQ(g2u(gb, 4, exact, sizeof exact), 0);
+    EXPECT_EQ(std::string(exact, sizeof exact), std::string(utf, 6));
+    EXPECT_EQ(u2g(utf, 6, exact, 4), 0);
+    EXPECT_EQ(std::string(exact, 4), "\xD6\xD0\xCE\xC4");
     EXPECT_EQ(u2g(utf, 2, gb, sizeof gb), -1);         // incomplete sequence
     // 32 GB2312 characters are 96 UTF-8 bytes, more than getUTFString's 64.
     std::string many;
