@@ -33,7 +33,14 @@ TEST(DaemonConfig, BadValuesAreRefusedWithTheFieldNamed) {
         {R"({"services": {"manage": "on"}})", "services.manage: must be true or false"},
         {R"({"root": "var/x"})", "root: must be an absolute path"},
         {R"({"root": "/tmp/a;rm"})", "root: must be an absolute path"},
-        {R"({"device": {"serial": "x"},})", "(file): not a JSON object"},
+        {R"({"device": {"serial": "x"},})", "line 1, column 29: JSON syntax error"},
+        {"{\n\"root\": \"/x\"\n\n  oops}", "line 4, column 3: JSON syntax error"},
+        {"[]", "(file): not a JSON object"},
+        {R"({"platforms": {"cube": {"port": 1, "port": 2}}})", "platforms.cube.port: given twice"},
+        {R"({"device": {"mac": "zz;rm -rf /"}})", "device.mac: must be 12 hex digits"},
+        {R"({"device": {"mac": "00:11:22-33:44:55"}})", "device.mac: must be 12 hex digits"},
+        {R"({"device": {"mac": "0011223344556"}})", "device.mac: must be 12 hex digits"},
+        {R"({"services": {"on_failure": "ignore"}})", "services.on_failure: must be \"fatal\" or \"degraded\""},
     };
     for (const auto &c : cases) {
         qdd::Config config;
@@ -51,7 +58,7 @@ TEST(DaemonConfig, GoodFileSetsEveryMember) {
       "platforms": {"cube": {"address": "cube.example", "port": 1, "local_port": 17150},
                     "plugin": {"address": "10.0.0.9", "port": 65535}},
       "local": {"tcp_port": 19000, "refuse_tcp_clients": true},
-      "services": {"cube": false, "quick_install": false},
+      "services": {"cube": false, "quick_install": false, "on_failure": "degraded"},
       "plugins": {"run_after_install": false},
       "log_size_kib": -1, "retry_seconds": 5})";
     qdd::Config c;
@@ -69,6 +76,7 @@ TEST(DaemonConfig, GoodFileSetsEveryMember) {
     EXPECT_EQ(c.local_tcp_port, 19000u);
     EXPECT_TRUE(c.refuse_tcp_clients);
     EXPECT_FALSE(c.quick_install);
+    EXPECT_FALSE(c.missing_service_fatal);
     EXPECT_FALSE(c.run_after_install);
     EXPECT_EQ(c.log_size_kib, -1);
 }
