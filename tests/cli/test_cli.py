@@ -125,3 +125,27 @@ def test_status_file_and_help(tmp_path):
     assert res.returncode == 7 and "missing.json" in res.stderr
     assert "Exit status" in run("--help").stdout
     assert run("--version").stdout.startswith("qdquick-cli ")
+
+
+@pytest.mark.skipif("QDQ_BUILD_DIR" not in os.environ, reason="native builds only")
+def test_installed_programs_pages_and_simulator(tmp_path):
+    prefix = tmp_path / "prefix"
+    subprocess.run(["cmake", "--install", os.environ["QDQ_BUILD_DIR"], "--prefix", str(prefix)], check=True,
+                   capture_output=True, timeout=120)
+    libdir = next(prefix.rglob("libqdquick.so.1")).parent
+    env = dict(os.environ, LD_LIBRARY_PATH=str(libdir))
+    for program in ("qdquickd", "qdquick-cli", "qdquick-sim"):
+        done = subprocess.run([prefix / "bin" / program, "--version"], capture_output=True, text=True, env=env,
+                              timeout=20)
+        assert done.returncode == 0 and done.stdout.startswith(f"{program} 1."), (program, done.stderr)
+    pages = {p.name for p in (prefix / "share" / "man").rglob("*.[0-9]")}
+    assert pages == {"qdquickd.8", "qdquick-cli.1", "qdquickd.json.5"}
+    # The installed simulator finds the installed sample package on its own.
+    ports = [f"--{n}-port=0" for n in ("cube", "manage", "plugin", "message", "package", "jobmanager")]
+    sim = subprocess.Popen([prefix / "bin" / "qdquick-sim", "--gateway", "--no-appstore", *ports],
+                           stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    try:
+        assert sim.stdout.readline().startswith("qdquick-sim gateway"), sim.stderr.read()
+    finally:
+        sim.terminate()
+        assert sim.wait(10) == 0
