@@ -274,7 +274,8 @@ int main(int argc, char **argv) {
     qdd::sessions_configure(started);
     qdd::status_start(QDQUICKD_VERSION, problems);
     qdd::say("started%s: serial %s, MAC %s, root %s, configuration %s", problems.empty() ? "" : " (degraded)",
-             config.serial.c_str(), getSdkDevInfo()->mac, qdq::root().empty() ? "/" : qdq::root().c_str(), config.path.c_str());
+             config.serial.c_str(), getSdkDevInfo()->mac, qdq::root().empty() ? "/" : qdq::root().c_str(),
+             config.path.c_str());
     qdd::sessions_start();
 
     const int signo = run_until_signal(config, signal_fd);
