@@ -152,7 +152,9 @@ void status_platform(int plattype, const std::string &status, int result) {
     e.changed = now_text();
     // "wait_heatbeat" (sic, the library's word) follows an answered heartbeat.
     if (status == "wait_heatbeat") e.heartbeat = e.changed;
-    if (status == "connect_failed" || status == "try_connect_failed" || (status == "disconnect" && result != 0)) {
+    // Not "try_connect_failed": one transport of a connect failing is a step
+    // on the way to the connect's own outcome, and would hide its code.
+    if (status == "connect_failed" || (status == "disconnect" && result != 0)) {
         e.failure = status;
         e.failure_result = result;
         e.failure_time = e.changed;

@@ -138,6 +138,8 @@ def test_installed_programs_pages_and_simulator(tmp_path):
         done = subprocess.run([prefix / "bin" / program, "--version"], capture_output=True, text=True, env=env,
                               timeout=20)
         assert done.returncode == 0 and done.stdout.startswith(f"{program} 1."), (program, done.stderr)
+    assert "--gateway" in subprocess.run([prefix / "bin" / "qdquick-sim", "--help"], capture_output=True,
+                                         text=True, timeout=20).stdout
     pages = {p.name for p in (prefix / "share" / "man").rglob("*.[0-9]")}
     assert pages == {"qdquickd.8", "qdquick-cli.1", "qdquickd.json.5"}
     # The installed simulator finds the installed sample package on its own.

@@ -138,10 +138,10 @@ def test_sighup_applies_what_it_can_and_never_kills(gateway):
             configure(g, **change)
         else:
             g.config_path.write_text(change)
-        before = g.status().get("reload", {}).get("time", "")
         g.daemon.popen.send_signal(signal.SIGHUP)
-        reload = eventually(lambda: (r := g.status().get("reload")) and (r["time"], r["result"]) != (before, "")
-                            and r["result"] == result and r, 10, f"reload {result}")
+        # The steps' results differ, so each one's record is told apart.
+        reload = eventually(lambda: (r := g.status().get("reload")) and r["result"] == result and r, 10,
+                            f"reload {result}")
         assert reload["needs_restart"] == restart and set(reload["applied"]) == applied
         assert g.daemon.popen.poll() is None
     # Applied for real: the local TCP service now closes every connection.
