@@ -58,6 +58,37 @@ std::string now_text() {
     return text;
 }
 
+// Needs g_mutex. What a platform's status word alone does not keep.
+void add_history(cJSON *platform, const Entry &e) {
+    cJSON_AddStringToObject(platform, "last_heartbeat", e.heartbeat.c_str());
+    if (e.failure.empty()) return;
+    cJSON *f = cJSON_AddObjectToObject(platform, "last_failure");
+    cJSON_AddStringToObject(f, "status", e.failure.c_str());
+    cJSON_AddNumberToObject(f, "result", e.failure_result);
+    cJSON_AddStringToObject(f, "reason", result_words(e.failure_result).c_str());
+    cJSON_AddStringToObject(f, "time", e.failure_time.c_str());
+}
+
+// Needs g_mutex.
+void add_problems_and_reload(cJSON *doc) {
+    cJSON *problems = cJSON_AddArrayToObject(doc, "problems");
+    for (const PortProblem &pp : g_problems) {
+        cJSON *o = cJSON_CreateObject();
+        cJSON_AddStringToObject(o, "service", pp.service.c_str());
+        cJSON_AddStringToObject(o, "protocol", pp.protocol.c_str());
+        cJSON_AddNumberToObject(o, "port", pp.port);
+        cJSON_AddStringToObject(o, "reason", pp.reason.c_str());
+        cJSON_AddItemToArray(problems, o);
+    }
+    if (g_reload.time.empty()) return;
+    cJSON *r = cJSON_AddObjectToObject(doc, "reload");
+    cJSON_AddStringToObject(r, "time", g_reload.time.c_str());
+    cJSON_AddStringToObject(r, "result", g_reload.error.empty() ? "applied" : "refused");
+    cJSON_AddItemToObject(r, "applied", string_array(g_reload.applied));
+    cJSON_AddItemToObject(r, "needs_restart", string_array(g_reload.restart));
+    cJSON_AddStringToObject(r, "error", g_reload.error.c_str());
+}
+
 // Needs g_mutex.
 void write_locked() {
     cJSON *doc = cJSON_CreateObject();
@@ -73,32 +104,9 @@ void write_locked() {
         cJSON_AddNumberToObject(p, "result", g_entries[i].result);
         cJSON_AddStringToObject(p, "address", record_address(getPlatInfo(i + 1)).c_str());
         cJSON_AddStringToObject(p, "changed", g_entries[i].changed.c_str());
-        cJSON_AddStringToObject(p, "last_heartbeat", g_entries[i].heartbeat.c_str());
-        if (!g_entries[i].failure.empty()) {
-            cJSON *f = cJSON_AddObjectToObject(p, "last_failure");
-            cJSON_AddStringToObject(f, "status", g_entries[i].failure.c_str());
-            cJSON_AddNumberToObject(f, "result", g_entries[i].failure_result);
-            cJSON_AddStringToObject(f, "reason", result_words(g_entries[i].failure_result).c_str());
-            cJSON_AddStringToObject(f, "time", g_entries[i].failure_time.c_str());
-        }
+        add_history(p, g_entries[i]);
     }
-    cJSON *problems = cJSON_AddArrayToObject(doc, "problems");
-    for (const PortProblem &pp : g_problems) {
-        cJSON *o = cJSON_CreateObject();
-        cJSON_AddStringToObject(o, "service", pp.service.c_str());
-        cJSON_AddStringToObject(o, "protocol", pp.protocol.c_str());
-        cJSON_AddNumberToObject(o, "port", pp.port);
-        cJSON_AddStringToObject(o, "reason", pp.reason.c_str());
-        cJSON_AddItemToArray(problems, o);
-    }
-    if (!g_reload.time.empty()) {
-        cJSON *r = cJSON_AddObjectToObject(doc, "reload");
-        cJSON_AddStringToObject(r, "time", g_reload.time.c_str());
-        cJSON_AddStringToObject(r, "result", g_reload.error.empty() ? "applied" : "refused");
-        cJSON_AddItemToObject(r, "applied", string_array(g_reload.applied));
-        cJSON_AddItemToObject(r, "needs_restart", string_array(g_reload.restart));
-        cJSON_AddStringToObject(r, "error", g_reload.error.c_str());
-    }
+    add_problems_and_reload(doc);
     cJSON_AddItemToObject(doc, "plugins", plugins_to_json());
     char *text = cJSON_Print(doc);
     cJSON_Delete(doc);
