@@ -74,6 +74,10 @@ def test_taken_local_port_is_named_once(gateway, kind, port, on_failure, named):
     g = gateway
     configure(g, services={"on_failure": on_failure})
     with socket.socket(socket.AF_INET, kind) as taken:
+        if kind == socket.SOCK_STREAM:
+            # Earlier tests' connections may linger in TIME_WAIT; a listener
+            # holds the port whatever the daemon's socket options.
+            taken.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         taken.bind(("0.0.0.0", port))
         if kind == socket.SOCK_STREAM:
             taken.listen()
