@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "config.h"
+#include "reload.h"
 
 namespace {
 
@@ -79,6 +81,38 @@ TEST(DaemonConfig, GoodFileSetsEveryMember) {
     EXPECT_FALSE(c.missing_service_fatal);
     EXPECT_FALSE(c.run_after_install);
     EXPECT_EQ(c.log_size_kib, -1);
+}
+
+// SIGHUP: which fields changed between two files, and which of them the
+// running daemon takes without a restart.
+TEST(DaemonConfig, ReloadSortsChangedFields) {
+    struct {
+        const char *before, *after;
+        std::vector<std::string> applied, restart;
+    } cases[] = {
+        {R"({"retry_seconds": 5})", R"({"retry_seconds": 5})", {}, {}},
+        {R"({"platforms": {"cube": {"port": 1}}})", R"({"platforms": {"cube": {"port": 2, "address": "h"}}})",
+         {"platforms.cube.port", "platforms.cube.address"}, {}},
+        {R"({"device": {"serial": "A"}, "log_size_kib": 1})", R"({"device": {}, "log_size_kib": 2})",
+         {"log_size_kib"}, {"device.serial"}},
+        {R"({"services": {"cube": true}})", R"({"services": {"cube": false}, "local": {"tcp_port": 1}})", {},
+         {"services.cube", "local"}},
+    };
+    for (const auto &c : cases) {
+        qdd::Config running, fresh;
+        std::string error;
+        ASSERT_TRUE(qdd::parse_config(c.before, running, error)) << error;
+        ASSERT_TRUE(qdd::parse_config(c.after, fresh, error)) << error;
+        running.text = c.before;
+        fresh.text = c.after;
+        const qdd::ReloadPlan plan = qdd::plan_reload(running, fresh);
+        EXPECT_EQ(plan.applied, c.applied) << c.after;
+        EXPECT_EQ(plan.restart, c.restart) << c.after;
+        // Applied ones are taken over, the others stay as they run.
+        EXPECT_EQ(running.retry_seconds, fresh.retry_seconds);
+        EXPECT_EQ(running.cube.port, fresh.cube.port);
+        EXPECT_TRUE(running.cube.enabled);  // services.cube: only at the next start
+    }
 }
 
 }  // namespace
