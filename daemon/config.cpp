@@ -1,6 +1,8 @@
 #include "config.h"
 
 #include <arpa/inet.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <cerrno>
@@ -36,6 +38,34 @@ bool acceptable_interface(const std::string &name) {
     return true;
 }
 
+// Twelve hex digits, or six pairs split by ':' or '-' (one kind throughout).
+bool mac_text(const std::string &m) {
+    const bool split = m.size() == 17;
+    if (!split && m.size() != 12) return false;
+    for (std::size_t i = 0; i < m.size(); ++i) {
+        if (split && i % 3 == 2) {
+            if (m[i] != m[2] || (m[i] != ':' && m[i] != '-')) return false;
+        } else if (!std::isxdigit(static_cast<unsigned char>(m[i]))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// "line L, column C" of `at` in `text`, for a JSON syntax error.
+std::string position(const char *text, const char *at) {
+    int line = 1, column = 1;
+    for (const char *p = text; p < at && *p != '\0'; ++p) {
+        if (*p == '\n') {
+            ++line;
+            column = 1;
+        } else {
+            ++column;
+        }
+    }
+    return "line " + std::to_string(line) + ", column " + std::to_string(column);
+}
+
 void read_platform(ConfigReader &platforms, const char *key, PlatformConfig &p, bool has_local_port) {
     ConfigReader r = platforms.child(key);
     r.text("address", p.address, kAddressCap, true);
@@ -49,6 +79,8 @@ void read_device(ConfigReader &top, Config &c) {
     ConfigReader d = top.child("device");
     d.text("serial", c.serial, kSerialCap, true);
     d.text("mac", c.mac, kMacCap);
+    if (d.ok() && !c.mac.empty() && !mac_text(c.mac))
+        d.fail("mac", "must be 12 hex digits, or 6 pairs split by ':' or '-'");
     d.text("mac_marker", c.mac_marker, kSerialCap);
     d.text("model", c.model, kModelCap);
     d.text("firmware_version", c.firmware_version, kVersionCap);
@@ -78,10 +110,15 @@ bool parse_config(const char *text, Config &c, std::string &error) {
     error.clear();
     const char *end = nullptr;
     cJSON *root = cJSON_ParseWithOpts(text, &end, 0);
-    if (root == nullptr || !cJSON_IsObject(root)) {
+    if (root == nullptr) {
+        const char *at = end != nullptr ? end : cJSON_GetErrorPtr();
+        error = at != nullptr ? position(text, at) + ": JSON syntax error at '" + std::string(at).substr(0, 20) + "'"
+                              : "(file): not JSON";
+        return false;
+    }
+    if (!cJSON_IsObject(root)) {
         cJSON_Delete(root);
-        std::string near = end != nullptr ? std::string(end).substr(0, 20) : std::string();
-        error = "(file): not a JSON object" + (near.empty() ? std::string() : " (error before: " + near + ")");
+        error = "(file): not a JSON object";
         return false;
     }
     ConfigReader top(root, "", &error);
@@ -112,6 +149,11 @@ bool parse_config(const char *text, Config &c, std::string &error) {
     services.flag("local_udp", c.local_udp);
     services.flag("local_tcp", c.local_tcp);
     services.flag("quick_install", c.quick_install);
+    std::string on_failure = c.missing_service_fatal ? "fatal" : "degraded";
+    services.text("on_failure", on_failure, 16);
+    if (services.ok() && on_failure != "fatal" && on_failure != "degraded")
+        services.fail("on_failure", "must be \"fatal\" or \"degraded\"");
+    c.missing_service_fatal = on_failure == "fatal";
     services.finish();
 
     ConfigReader plugins = top.child("plugins");
@@ -137,11 +179,27 @@ bool load_config(const std::string &path, Config &c, std::string &error) {
         error = path + ": " + error;
         return false;
     }
+    c.text = text.str();
     // Kept absolute: plugin starts change the working directory later.
     char *real = realpath(path.c_str(), nullptr);
     c.path = real != nullptr ? real : path;
     std::free(real);
     return true;
+}
+
+bool check_root(const Config &c, std::string &error) {
+    const char *env = std::getenv("QDQUICK_ROOT");
+    const std::string root = !c.root.empty() ? c.root : env != nullptr && env[0] != '\0' ? env : "/";
+    struct stat st;
+    if (stat(root.c_str(), &st) != 0)
+        error = "root " + root + " does not exist";
+    else if (!S_ISDIR(st.st_mode))
+        error = "root " + root + " is not a directory";
+    else if (access(root.c_str(), W_OK) != 0)
+        error = "root " + root + " is not writable";
+    else
+        return true;
+    return false;
 }
 
 std::string default_config_path() {

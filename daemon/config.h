@@ -17,6 +17,7 @@ struct PlatformConfig {
 struct Config {
     std::string path;  // absolute path of the file read (slot 2 rewrites it)
     std::string root;  // "" keeps $QDQUICK_ROOT as it is
+    std::string text;  // the file as read: a reload compares the new one with it
 
     // Device identity.
     std::string serial = "SN0001";
@@ -44,6 +45,7 @@ struct Config {
     bool local_udp = true;
     bool local_tcp = true;
     bool quick_install = true;
+    bool missing_service_fatal = true;  // services.on_failure: "fatal" or "degraded"
 
     int log_size_kib = 2048;
     int retry_seconds = 30;
@@ -56,6 +58,11 @@ bool parse_config(const char *text, Config &out, std::string &error);
 
 // Reads and parses the file at `path`; errors name the file as well.
 bool load_config(const std::string &path, Config &out, std::string &error);
+
+// The root the daemon will use (`root`, else $QDQUICK_ROOT, else "/") must
+// be an existing, writable directory; otherwise false with `error` set to
+// one line naming it.
+bool check_root(const Config &c, std::string &error);
 
 // A platform address the configuration accepts (also for addresses that a
 // platform hands out, before they are written into the file).

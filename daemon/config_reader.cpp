@@ -58,8 +58,12 @@ ConfigReader ConfigReader::child(const char *key) {
 
 void ConfigReader::finish() {
     if (!ok() || object_ == nullptr) return;
+    std::set<std::string> seen;
     for (const cJSON *v = object_->child; v != nullptr; v = v->next) {
-        if (v->string != nullptr && known_.count(v->string) == 0) return fail(v->string, "unknown field");
+        if (v->string == nullptr) continue;
+        if (known_.count(v->string) == 0) return fail(v->string, "unknown field");
+        // cJSON keeps both and reads the first: the second would be ignored.
+        if (!seen.insert(v->string).second) return fail(v->string, "given twice");
     }
 }
 

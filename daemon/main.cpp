@@ -1,7 +1,7 @@
 // qdquickd: the gateway's management daemon around libqdquick. Reads its
 // configuration, fills the library's records, hands it the callbacks,
 // starts the sessions and local services, and runs in the foreground until
-// SIGTERM or SIGINT.
+// SIGTERM or SIGINT; SIGHUP reads the configuration again.
 #include <fcntl.h>
 #include <getopt.h>
 #include <poll.h>
@@ -14,16 +14,20 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "callbacks.h"
 #include "common/paths.h"
 #include "config.h"
 #include "distri.h"
 #include "events.h"
+#include "local_ports.h"
+#include "lock_file.h"
 #include "plugins.h"
 #include "qdquick/qdplatform.h"
 #include "qdquick/qdquick.h"
 #include "records.h"
+#include "reload.h"
 #include "say.h"
 #include "sessions.h"
 #include "status_file.h"
@@ -39,20 +43,51 @@ void usage(FILE *out) {
     std::fprintf(out,
                  "usage: qdquickd [-c FILE] [-t] [-q]\n"
                  "  -c, --config FILE  configuration file (default $QDQUICK_ROOT/etc/qdquickd.json)\n"
-                 "  -t, --check        check the configuration and exit\n"
+                 "  -t, --check        check the configuration (and that its root is writable) and exit\n"
                  "  -q, --quiet        no event lines on standard output (the log keeps them)\n"
                  "  -h, --help         this text\n"
                  "  -V, --version      the version\n");
 }
 
-// Directories the library and the daemon write into, below the root.
-void make_directories() {
+// Directories the library and the daemon write into, below the root. The
+// first that cannot be made ends the start: one line, not one per directory.
+bool make_directories() {
     for (const char *dir : {"/var", "/var/qdquickd", "/qdconf", "/etc", "/etc/config", "/etc/config/system",
                             "/etc/qdplatform"}) {
         const std::string path = qdq::path(dir);
-        if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST)
+        if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) {
             std::fprintf(stderr, "qdquickd: cannot create %s: %s\n", path.c_str(), std::strerror(errno));
+            return false;
+        }
     }
+    return true;
+}
+
+std::string joined(const std::vector<std::string> &items) {
+    std::string out;
+    for (const std::string &i : items) out += (out.empty() ? "" : ", ") + i;
+    return out;
+}
+
+// SIGHUP: the file read again; a bad one is refused and the running
+// configuration kept.
+void reload(qdd::Config &config) {
+    qdd::Config fresh;
+    std::string error;
+    if (!qdd::load_config(config.path, fresh, error)) {
+        qdd::warn("SIGHUP: configuration kept, the file is bad: %s", error.c_str());
+        qdd::status_reload({}, {}, error);
+        return;
+    }
+    const qdd::ReloadPlan plan = qdd::plan_reload(config, fresh);
+    qdd::sessions_configure(config);
+    gQuickLogSize = config.log_size_kib;
+    qdd::plugins_configure(config.run_after_install);
+    cubeplatinfo.localability = config.refuse_tcp_clients ? 1 : 0;
+    if (plan.applied.empty() && plan.restart.empty()) qdd::say("SIGHUP: configuration read again, nothing changed");
+    if (!plan.applied.empty()) qdd::say("SIGHUP: applied %s", joined(plan.applied).c_str());
+    if (!plan.restart.empty()) qdd::warn("SIGHUP: needs a restart to take effect: %s", joined(plan.restart).c_str());
+    qdd::status_reload(plan.applied, plan.restart, "");
 }
 
 bool g_heartbeat_told[4];
@@ -113,7 +148,9 @@ int signal_pipe() {
     sa.sa_handler = on_stop_signal;
     sigemptyset(&sa.sa_mask);
     sa.sa_flags = SA_RESTART;
-    if (sigaction(SIGTERM, &sa, nullptr) != 0 || sigaction(SIGINT, &sa, nullptr) != 0) return -1;
+    if (sigaction(SIGTERM, &sa, nullptr) != 0 || sigaction(SIGINT, &sa, nullptr) != 0 ||
+        sigaction(SIGHUP, &sa, nullptr) != 0)
+        return -1;
     // Socket writes to a closed peer must fail, not end the daemon.
     signal(SIGPIPE, SIG_IGN);
     return g_signal_pipe[0];
@@ -123,8 +160,8 @@ const char *signal_name(int signo) {
     return signo == SIGTERM ? "SIGTERM" : signo == SIGINT ? "SIGINT" : "poll failure";
 }
 
-// Waits for SIGTERM or SIGINT, handling queued events meanwhile.
-int run_until_signal(const qdd::Config &config, int signal_fd) {
+// Waits for SIGTERM or SIGINT, handling queued events and SIGHUP meanwhile.
+int run_until_signal(qdd::Config &config, int signal_fd) {
     for (;;) {
         pollfd fds[2] = {{signal_fd, POLLIN, 0}, {qdd::events_fd(), POLLIN, 0}};
         if (poll(fds, 2, -1) < 0) {
@@ -136,7 +173,9 @@ int run_until_signal(const qdd::Config &config, int signal_fd) {
         }
         if (fds[0].revents & POLLIN) {
             unsigned char signo = 0;
-            if (read(signal_fd, &signo, 1) == 1) return signo;
+            if (read(signal_fd, &signo, 1) != 1) continue;
+            if (signo != SIGHUP) return signo;
+            reload(config);
         }
     }
 }
@@ -171,6 +210,15 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "qdquickd: bad configuration: %s\n", error.c_str());
         return 2;
     }
+    if (!qdd::check_root(config, error)) {
+        // A check says what is wrong with the file; a start cannot set up.
+        if (check_only) {
+            std::fprintf(stderr, "qdquickd: bad configuration: %s: %s\n", config.path.c_str(), error.c_str());
+            return 2;
+        }
+        std::fprintf(stderr, "qdquickd: %s\n", error.c_str());
+        return 1;
+    }
     if (check_only) {
         std::printf("qdquickd: %s is good\n", config.path.c_str());
         return 0;
@@ -180,7 +228,13 @@ int main(int argc, char **argv) {
     setenv("QDQUICK_DEFAULT_CUBE", config.cube.address.c_str(), 1);
     setenv("QDQUICK_DEFAULT_MANAGE", config.manage.address.c_str(), 1);
     qdd::set_quiet(quiet);
-    make_directories();
+    if (!make_directories()) return 1;
+    // Before anything is bound or written: a second daemon on this root
+    // would find the ports taken and overwrite the first one's status file.
+    if (!qdd::take_lock(error)) {
+        std::fprintf(stderr, "qdquickd: %s\n", error.c_str());
+        return 1;
+    }
 
     // SIGTERM and SIGINT only write their number into a pipe that the main
     // loop watches. Handlers rather than a blocked mask: a blocked mask would
@@ -202,10 +256,26 @@ int main(int argc, char **argv) {
     qdd::plugin_hooks_register();
     qdd::fill_device(config);
     qdd::plugins_configure(config.run_after_install);
-    qdd::sessions_configure(config);
-    qdd::status_start();
-    qdd::say("started: serial %s, MAC %s, root %s, configuration %s", config.serial.c_str(),
-             getSdkDevInfo()->mac, qdq::root().empty() ? "/" : qdq::root().c_str(), config.path.c_str());
+
+    // The local services bind on the library's threads, which tell nobody
+    // when that fails: their ports are tried first, and each one taken is
+    // named once, on standard error, in the log and in the status file.
+    const std::vector<qdd::PortProblem> problems = qdd::probe_local_ports(config);
+    for (const qdd::PortProblem &p : problems)
+        qdd::warn("cannot start the %s%s", p.text().c_str(), config.missing_service_fatal ? "" : " (left out)");
+    if (!problems.empty() && config.missing_service_fatal) {
+        qdd::status_failed(QDQUICKD_VERSION, problems);
+        qdd::warn("exiting: a configured local service cannot start (services.on_failure is \"fatal\")");
+        std::fflush(nullptr);
+        _exit(1);
+    }
+    qdd::Config started = config;
+    qdd::leave_out(started, problems);
+    qdd::sessions_configure(started);
+    qdd::status_start(QDQUICKD_VERSION, problems);
+    qdd::say("started%s: serial %s, MAC %s, root %s, configuration %s", problems.empty() ? "" : " (degraded)",
+             config.serial.c_str(), getSdkDevInfo()->mac, qdq::root().empty() ? "/" : qdq::root().c_str(),
+             config.path.c_str());
     qdd::sessions_start();
 
     const int signo = run_until_signal(config, signal_fd);

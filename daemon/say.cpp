@@ -13,11 +13,18 @@ namespace {
 bool g_quiet = false;
 std::mutex g_out_mutex;
 
-void vlog(bool to_stdout, const char *format, va_list args) {
+enum Where { kLogOnly, kStdout, kStderr };
+
+void vlog(Where where, const char *format, va_list args) {
     char text[1024];
     std::vsnprintf(text, sizeof text, format, args);
     AppMgrLogLine(kDaemonLog, "%s", text);
-    if (!to_stdout || g_quiet) return;
+    if (where == kStderr) {
+        std::lock_guard<std::mutex> lock(g_out_mutex);
+        std::fprintf(stderr, "qdquickd: %s\n", text);
+        return;
+    }
+    if (where == kLogOnly || g_quiet) return;
     std::time_t now = std::time(nullptr);
     struct tm tm_now;
     localtime_r(&now, &tm_now);
@@ -34,14 +41,21 @@ void set_quiet(bool quiet) { g_quiet = quiet; }
 void say(const char *format, ...) {
     va_list args;
     va_start(args, format);
-    vlog(true, format, args);
+    vlog(kStdout, format, args);
+    va_end(args);
+}
+
+void warn(const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    vlog(kStderr, format, args);
     va_end(args);
 }
 
 void note(const char *format, ...) {
     va_list args;
     va_start(args, format);
-    vlog(false, format, args);
+    vlog(kLogOnly, format, args);
     va_end(args);
 }
 

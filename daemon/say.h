@@ -15,6 +15,8 @@ void set_quiet(bool quiet);
 
 // An event worth a person's attention: stdout and the log.
 void say(const char *format, ...) __attribute__((format(printf, 1, 2)));
+// A failure an operator must see even with -q: standard error and the log.
+void warn(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // Detail for the log only.
 void note(const char *format, ...) __attribute__((format(printf, 1, 2)));
 

@@ -6,4 +6,4 @@ machine, so that a gateway can boot, register, heartbeat and push end to end.
 
 __all__ = ["main"]
 
-VERSION = "1.0"
+VERSION = "1.0.0"  # the project's version

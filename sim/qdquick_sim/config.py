@@ -5,6 +5,8 @@ from __future__ import annotations
 import argparse
 from dataclasses import dataclass, field
 
+from . import VERSION
+
 DEFAULT_PORTS = {"cube": 12112, "manage": 60001, "plugin": 60002, "message": 60003}
 
 _DESCRIPTION = """\
@@ -18,6 +20,7 @@ on standard output names the ports actually bound.
 
 _EPILOG = """\
 example:
+  qdquick-sim --gateway         (the whole operator side of one gateway; see --gateway --help)
   qdquick-sim --serial SN0001 --loid LOID01 --record /tmp/sim.jsonl -v
   qdquick-sim --cube-port 0 --manage-port 0 --plugin-port 0 --message-port 0 \\
               --control-port 0 --script test.json
@@ -61,6 +64,11 @@ def parse_args(argv: list[str] | None = None) -> Config:
     parser = argparse.ArgumentParser(
         prog="qdquick-sim", description=_DESCRIPTION, epilog=_EPILOG,
         formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--version", action="version", version=f"qdquick-sim {VERSION}")
+    parser.add_argument("--gateway", action="store_true",
+                        help="play the whole operator side of one gateway on the ports of qdquickd's default "
+                             "configuration, with a package server and the sample plugin's install "
+                             "(options: qdquick-sim --gateway --help)")
     parser.add_argument("--bind", default="127.0.0.1", metavar="ADDR",
                         help="address every platform socket binds to (default 127.0.0.1)")
     parser.add_argument("--advertise", metavar="ADDR",

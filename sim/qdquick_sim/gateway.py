@@ -9,6 +9,7 @@ plugin platform then orders the install of the sample plugin."""
 from __future__ import annotations
 
 import argparse
+import errno
 import os
 import sys
 from typing import Any
@@ -20,6 +21,7 @@ from .narrate import NarratingRecorder
 from .packages import PackageServer
 from .recorder import stderr_echo
 from .script import Script, ScriptError
+from . import VERSION
 
 HOST = "127.0.0.1"
 # The daemon has no app store setting: the library talks to the store on 443.
@@ -27,14 +29,19 @@ APPSTORE_PORT = 443
 SAMPLE_BUNDLE = "com.qdquick.example.sample"
 SAMPLE_VERSION = "1.0"
 SAMPLE_FILE = "sample-1.0.cpk"
-_REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.realpath(__file__))))
-DEFAULT_PACKAGES = os.path.join(_REPO, "build", "examples", "sample-plugin", "packages")
+_HERE = os.path.dirname(os.path.realpath(__file__))
+# The build's sample package in a source tree; an installed simulator keeps
+# it in share/qdquick/packages, beside its own folder share/qdquick/sim.
+_BUILT = os.path.join(os.path.dirname(os.path.dirname(_HERE)), "build", "examples", "sample-plugin", "packages")
+_INSTALLED = os.path.join(os.path.dirname(os.path.dirname(_HERE)), "packages")
+DEFAULT_PACKAGES = _BUILT if os.path.isdir(_BUILT) or not os.path.isdir(_INSTALLED) else _INSTALLED
 
 
 def parse_args(argv: list[str]) -> argparse.Namespace:
     p = argparse.ArgumentParser(prog="qdquick-sim --gateway",
                                 description="The operator side of a whole gateway, on loopback.")
     p.add_argument("--gateway", action="store_true", help=argparse.SUPPRESS)
+    p.add_argument("--version", action="version", version=f"qdquick-sim {VERSION}")
     p.add_argument("--serial", default="SN0001", help="the gateway's serial (default SN0001)")
     p.add_argument("--loid", default="LOID01", help="the gateway's LOID (default LOID01)")
     for name, port in DEFAULT_PORTS.items():
@@ -78,6 +85,8 @@ def _appstore(args: argparse.Namespace, sim: Simulator) -> bool:
     try:
         sim.bind_appstore(args.appstore_port)
     except OSError as exc:
+        if exc.errno == errno.EADDRINUSE:
+            raise  # taken by another program: that is a busy port like any other
         print(f"qdquick-sim: app store left out: {exc} (--appstore-port PORT, or --no-appstore)",
               file=sys.stderr)
         return False
@@ -117,7 +126,13 @@ def main(argv: list[str]) -> int:
         return 1
     for server in extras:
         server.start()
-    store = _appstore(args, sim)
+    try:
+        store = _appstore(args, sim)
+    except OSError as exc:
+        for server in extras:
+            server.stop()
+        print(f"qdquick-sim: cannot start: {exc}", file=sys.stderr)
+        return 1
     print(f"qdquick-sim gateway packages={HOST}:{packages.port} jobmanager={HOST}:{jobmanager.port}"
           f" appstore={'on' if store else 'off'}", flush=True)
     # The simulator runs and stops the app store with its own servers and

@@ -32,7 +32,11 @@ def answer_for(text: str) -> dict:
 class JobManager:
     def __init__(self, host: str, port: int, ctx: Context) -> None:
         self._sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self._sock.bind((host, port))
+        try:
+            self._sock.bind((host, port))
+        except OSError as exc:
+            self._sock.close()
+            raise OSError(exc.errno, f"job manager port {port} (UDP): {exc.strerror}") from None
         self._sock.settimeout(0.2)
         self.port = self._sock.getsockname()[1]
         self._ctx = ctx
@@ -73,5 +77,6 @@ class JobManager:
 
     def stop(self) -> None:
         self._stop.set()
-        self._thread.join(2)
+        if self._thread.is_alive():
+            self._thread.join(2)
         self._sock.close()

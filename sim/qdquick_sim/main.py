@@ -32,32 +32,38 @@ def _family(host: str) -> socket.AddressFamily:
     return socket.getaddrinfo(host, None, proto=socket.IPPROTO_TCP)[0][0]
 
 
-def _listener(host: str, port: int) -> socket.socket:
+def _named(exc: OSError, what: str, port: int, proto: str) -> OSError:
+    """The error with the service and port in its text: "Address already in
+    use" alone does not say which of a dozen ports was taken."""
+    return OSError(exc.errno, f"{what} port {port} ({proto}): {exc.strerror or exc}")
+
+
+def _listener(host: str, port: int, what: str = "control") -> socket.socket:
     sock = socket.socket(_family(host), socket.SOCK_STREAM)
     try:
         # Lets a restarted simulator take its port back at once.
         sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         sock.bind((host, port))
         sock.listen(16)
-    except OSError:
+    except OSError as exc:
         sock.close()
-        raise
+        raise _named(exc, what, port, "TCP") from None
     return sock
 
 
-def bind_pair(host: str, port: int) -> tuple[socket.socket, socket.socket]:
+def bind_pair(host: str, port: int, what: str) -> tuple[socket.socket, socket.socket]:
     """A TCP listener and a UDP socket on the same port number."""
     for _ in range(_PAIR_ATTEMPTS):
-        tcp = _listener(host, port)
+        tcp = _listener(host, port, what)
         udp = socket.socket(_family(host), socket.SOCK_DGRAM)
         try:
             udp.bind((host, tcp.getsockname()[1]))
             return tcp, udp
-        except OSError:
+        except OSError as exc:
             tcp.close()
             udp.close()
             if port != 0:
-                raise
+                raise _named(exc, what, port, "UDP") from None
     raise OSError(f"no port free for both TCP and UDP on {host}")
 
 
@@ -87,9 +93,17 @@ class Simulator:
     def bind(self) -> None:
         config, ctx = self.ctx.config, self.ctx
         responder = Responder(ctx)
-        pairs = {name: bind_pair(config.bind, config.ports[name]) for name in PLATFORMS}
-        message_sock = _listener(config.bind, config.ports["message"])
-        control_sock = _listener("127.0.0.1", config.control_port) if config.control_port is not None else None
+        pairs: dict[str, tuple[socket.socket, socket.socket]] = {}
+        try:
+            for name in PLATFORMS:
+                pairs[name] = bind_pair(config.bind, config.ports[name], f"{name} platform")
+            message_sock = _listener(config.bind, config.ports["message"], "message server")
+            control_sock = _listener("127.0.0.1", config.control_port) if config.control_port is not None else None
+        except OSError:
+            for pair in pairs.values():
+                for sock in pair:
+                    sock.close()
+            raise
         for name, (tcp, udp) in pairs.items():
             ctx.ports[name] = tcp.getsockname()[1]
             self.platforms[name] = PlatformServer(ctx, responder, name, tcp, udp)
@@ -109,7 +123,7 @@ class Simulator:
         it on its own: a port it may not bind (443 needs privileges) leaves
         only the store out there."""
         config = self.ctx.config
-        sock = _listener(config.bind, port)
+        sock = _listener(config.bind, port, "app store")
         try:
             directory = config.appstore_cert_dir
             if directory is None:

@@ -23,7 +23,14 @@ class PackageServer:
                 pass  # the recorder keeps every request
 
         self._recorder = recorder
-        self._httpd = ThreadingHTTPServer((host, port), Handler)
+        self._httpd = ThreadingHTTPServer((host, port), Handler, bind_and_activate=False)
+        try:
+            self._httpd.allow_reuse_address = True
+            self._httpd.server_bind()
+            self._httpd.server_activate()
+        except OSError as exc:
+            self._httpd.server_close()
+            raise OSError(exc.errno, f"package server port {port} (TCP): {exc.strerror}") from None
         self._httpd.daemon_threads = True
         self.port = self._httpd.server_address[1]
         self._thread = threading.Thread(target=self._httpd.serve_forever, name="packages", daemon=True)
@@ -54,5 +61,8 @@ class PackageServer:
         self._thread.start()
 
     def stop(self) -> None:
-        self._httpd.shutdown()
+        # shutdown() waits for serve_forever() to notice: never started, it
+        # would wait for ever (a start that failed on another port).
+        if self._thread.is_alive():
+            self._httpd.shutdown()
         self._httpd.server_close()

@@ -14,8 +14,8 @@ CLI = os.environ["QDQ_CLI"]
 CMD = b'{"RPCMethod":"ListPlugin"}'
 
 
-def run(*args, stdin=None):
-    return subprocess.run([CLI, *args], input=stdin, capture_output=True, text=True, timeout=20)
+def run(*args, stdin=None, env=None):
+    return subprocess.run([CLI, *args], input=stdin, capture_output=True, text=True, timeout=20, env=env)
 
 
 def serve_once(kind, answer):
@@ -65,7 +65,8 @@ def echo(req):
 ])
 def test_one_exchange(kind, flag, answer, code, expect):
     port, got = serve_once(kind, answer)
-    res = run(flag, "--port", str(port), "--timeout", "0.5", CMD.decode())
+    # Values both ways: "--port N" and "--timeout=S".
+    res = run(flag, "--port", str(port), "--timeout=0.5", CMD.decode())
     assert res.returncode == code, res.stderr
     assert (base64.b64decode(got[0]) if flag == "--quick" else got[0]) == CMD
     if code == 0:
@@ -93,19 +94,60 @@ def test_refused(flag):
 
 
 @pytest.mark.parametrize("args,stdin", [(["{bad"], None), ([], ""), (["--port", "0", "{}"], None),
-                                        (["--bogus"], None), (["status"], None)])
+                                        (["--bogus"], None), (["--udp=1", "{}"], None),
+                                        (["status", "--root=/r", "--status-file=/s"], None),
+                                        (["--json", "{}"], None)])
 def test_bad_input_sends_nothing(args, stdin):
     res = run(*args, stdin=stdin)
     assert res.returncode == 2 and "--help" in res.stderr
 
 
 def test_status_file_and_help(tmp_path):
-    status = tmp_path / "status.json"
-    status.write_text('{"manage":{"status":"connected"}}')
-    res = run("status", "--status-file", str(status))
-    assert res.returncode == 0 and json.loads(res.stdout) == {"manage": {"status": "connected"}}
+    status = tmp_path / "var" / "qdquickd" / "status.json"
+    status.parent.mkdir(parents=True)
+    dead = subprocess.Popen(["true"])
+    dead.wait()
+    # The file says "running"; only a live pid makes it so.
+    for pid, code, words in ((os.getpid(), 0, "running since"), (dead.pid, 8, "not running (stale status file)")):
+        doc = {"pid": pid, "state": "running", "version": "9.9", "started": "T0",
+               "platforms": {"manage": {"status": "connect_failed", "last_heartbeat": "",
+                                        "last_failure": {"status": "connect_failed", "result": 102,
+                                                         "reason": "superseded by a newer connect"}}}}
+        status.write_text(json.dumps(doc))
+        res = run("status", "--json", env=dict(os.environ, QDQUICK_ROOT=str(tmp_path)))  # found by default
+        assert res.returncode == code and json.loads(res.stdout) == doc
+        res = run("status", f"--root={tmp_path}")
+        assert res.returncode == code and res.stdout.startswith(f"qdquickd 9.9, pid {pid}: {words}"), res.stdout
+        assert "last failure: connect_failed (102: superseded by a newer connect)" in res.stdout
     status.write_text("{")
     assert run("status", "--status-file", str(status)).returncode == 5
     res = run("status", "--status-file", str(tmp_path / "missing.json"))
     assert res.returncode == 7 and "missing.json" in res.stderr
     assert "Exit status" in run("--help").stdout
+    assert run("--version").stdout.startswith("qdquick-cli ")
+
+
+@pytest.mark.skipif("QDQ_BUILD_DIR" not in os.environ, reason="native builds only")
+def test_installed_programs_pages_and_simulator(tmp_path):
+    prefix = tmp_path / "prefix"
+    subprocess.run(["cmake", "--install", os.environ["QDQ_BUILD_DIR"], "--prefix", str(prefix)], check=True,
+                   capture_output=True, timeout=120)
+    libdir = next(prefix.rglob("libqdquick.so.1")).parent
+    env = dict(os.environ, LD_LIBRARY_PATH=str(libdir))
+    for program in ("qdquickd", "qdquick-cli", "qdquick-sim"):
+        done = subprocess.run([prefix / "bin" / program, "--version"], capture_output=True, text=True, env=env,
+                              timeout=20)
+        assert done.returncode == 0 and done.stdout.startswith(f"{program} 1."), (program, done.stderr)
+    assert "--gateway" in subprocess.run([prefix / "bin" / "qdquick-sim", "--help"], capture_output=True,
+                                         text=True, timeout=20).stdout
+    pages = {p.name for p in (prefix / "share" / "man").rglob("*.[0-9]")}
+    assert pages == {"qdquickd.8", "qdquick-cli.1", "qdquickd.json.5"}
+    # The installed simulator finds the installed sample package on its own.
+    ports = [f"--{n}-port=0" for n in ("cube", "manage", "plugin", "message", "package", "jobmanager")]
+    sim = subprocess.Popen([prefix / "bin" / "qdquick-sim", "--gateway", "--no-appstore", *ports],
+                           stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    try:
+        assert sim.stdout.readline().startswith("qdquick-sim gateway"), sim.stderr.read()
+    finally:
+        sim.terminate()
+        assert sim.wait(10) == 0

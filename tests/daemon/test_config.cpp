@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "config.h"
+#include "reload.h"
 
 namespace {
 
@@ -37,7 +39,14 @@ TEST(DaemonConfig, BadValuesAreRefusedWithTheFieldNamed) {
         {R"({"services": {"manage": "on"}})", "services.manage: must be true or false"},
         {R"({"root": "var/x"})", "root: must be an absolute path"},
         {R"({"root": "/tmp/a;rm"})", "root: must be an absolute path"},
-        {R"({"device": {"serial": "x"},})", "(file): not a JSON object"},
+        {R"({"device": {"serial": "x"},})", "line 1, column 29: JSON syntax error"},
+        {"{\n\"root\": \"/x\"\n\n  oops}", "line 4, column 3: JSON syntax error"},
+        {"[]", "(file): not a JSON object"},
+        {R"({"platforms": {"cube": {"port": 1, "port": 2}}})", "platforms.cube.port: given twice"},
+        {R"({"device": {"mac": "zz;rm -rf /"}})", "device.mac: must be 12 hex digits"},
+        {R"({"device": {"mac": "00:11:22-33:44:55"}})", "device.mac: must be 12 hex digits"},
+        {R"({"device": {"mac": "0011223344556"}})", "device.mac: must be 12 hex digits"},
+        {R"({"services": {"on_failure": "ignore"}})", "services.on_failure: must be \"fatal\" or \"degraded\""},
     };
     for (const auto &c : cases) {
         qdd::Config config;
@@ -55,7 +64,7 @@ TEST(DaemonConfig, GoodFileSetsEveryMember) {
       "platforms": {"cube": {"address": "cube.example", "port": 1, "local_port": 17150},
                     "plugin": {"address": "10.0.0.9", "port": 65535}},
       "local": {"tcp_port": 19000, "refuse_tcp_clients": true, "plugin_orders": true, "lan_interface": "br-lan"},
-      "services": {"cube": false, "quick_install": false},
+      "services": {"cube": false, "quick_install": false, "on_failure": "degraded"},
       "plugins": {"run_after_install": false},
       "log_size_kib": -1, "retry_seconds": 5})";
     qdd::Config c;
@@ -75,8 +84,41 @@ TEST(DaemonConfig, GoodFileSetsEveryMember) {
     EXPECT_TRUE(c.plugin_orders);
     EXPECT_EQ(c.lan_interface, "br-lan");
     EXPECT_FALSE(c.quick_install);
+    EXPECT_FALSE(c.missing_service_fatal);
     EXPECT_FALSE(c.run_after_install);
     EXPECT_EQ(c.log_size_kib, -1);
+}
+
+// SIGHUP: which fields changed between two files, and which of them the
+// running daemon takes without a restart.
+TEST(DaemonConfig, ReloadSortsChangedFields) {
+    struct {
+        const char *before, *after;
+        std::vector<std::string> applied, restart;
+    } cases[] = {
+        {R"({"retry_seconds": 5})", R"({"retry_seconds": 5})", {}, {}},
+        {R"({"platforms": {"cube": {"port": 1}}})", R"({"platforms": {"cube": {"port": 2, "address": "h"}}})",
+         {"platforms.cube.port", "platforms.cube.address"}, {}},
+        {R"({"device": {"serial": "A"}, "log_size_kib": 1})", R"({"device": {}, "log_size_kib": 2})",
+         {"log_size_kib"}, {"device.serial"}},
+        {R"({"services": {"cube": true}})", R"({"services": {"cube": false}, "local": {"tcp_port": 1}})", {},
+         {"services.cube", "local"}},
+    };
+    for (const auto &c : cases) {
+        qdd::Config running, fresh;
+        std::string error;
+        ASSERT_TRUE(qdd::parse_config(c.before, running, error)) << error;
+        ASSERT_TRUE(qdd::parse_config(c.after, fresh, error)) << error;
+        running.text = c.before;
+        fresh.text = c.after;
+        const qdd::ReloadPlan plan = qdd::plan_reload(running, fresh);
+        EXPECT_EQ(plan.applied, c.applied) << c.after;
+        EXPECT_EQ(plan.restart, c.restart) << c.after;
+        // Applied ones are taken over, the others stay as they run.
+        EXPECT_EQ(running.retry_seconds, fresh.retry_seconds);
+        EXPECT_EQ(running.cube.port, fresh.cube.port);
+        EXPECT_TRUE(running.cube.enabled);  // services.cube: only at the next start
+    }
 }
 
 }  // namespace

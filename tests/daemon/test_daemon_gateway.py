@@ -9,11 +9,12 @@ import base64
 import calendar
 import json
 import signal
+import subprocess
 import time
 
 import pytest
 
-from conftest import BUNDLE, HOST, SERIAL, cli, eventually, find_process, local_tcp, local_udp, quick_install, up
+from conftest import BUNDLE, CLI, HOST, SERIAL, cli, eventually, find_process, local_tcp, local_udp, quick_install, up
 
 
 def ability(cmd_type: str) -> tuple[dict, dict]:
@@ -23,10 +24,12 @@ def ability(cmd_type: str) -> tuple[dict, dict]:
     return reply, json.loads(base64.b64decode(reply["return_Parameter"]))
 
 
-def printed_status(g) -> dict:
+def printed_status(g, running: bool = True) -> dict:
     """The daemon's status file as `qdquick-cli status` prints it, each
-    platform's "changed" as Unix seconds."""
-    status = cli("status", "--status-file", str(g.root / "var" / "qdquickd" / "status.json"))
+    platform's "changed" as Unix seconds; it exits 8 once the daemon stopped."""
+    done = subprocess.run([CLI, "status", f"--root={g.root}", "--json"], capture_output=True, text=True, timeout=30)
+    assert done.returncode == (0 if running else 8), done.stderr
+    status = json.loads(done.stdout)
     for p in status["platforms"].values():
         p["changed"] = calendar.timegm(time.strptime(p["changed"], "%Y-%m-%dT%H:%M:%SZ"))
     return status
@@ -46,6 +49,8 @@ def test_whole_gateway_session_install_local_commands_and_shutdown(gateway, stop
                         ("heartbeating", "wait_heatbeat") and s, 10, "plugin heartbeats in the status file")
     assert status["platforms"]["manage"]["address"] == "127.0.0.1:60001"
     assert status["platforms"]["cube"]["status"] == "connected"
+    assert status["version"] and status["state"] == "running" and status["problems"] == []
+    assert all(status["platforms"][p]["last_heartbeat"] for p in ("manage", "plugin"))
     assert all(began <= p["changed"] <= time.time() for p in status["platforms"].values())
     assert status["plugins"][0]["Plugin_Name"] == BUNDLE
 
@@ -93,7 +98,7 @@ def test_whole_gateway_session_install_local_commands_and_shutdown(gateway, stop
     assert time.monotonic() - started < 6
     assert not find_process("sampleplugin")
     assert f"{stop.name} received: disconnecting the platforms" in g.daemon.text()
-    final = printed_status(g)
+    final = printed_status(g, running=False)
     assert final["state"] == "stopped"
     assert {name: (p["status"], p["changed"] >= stopped_at) for name, p in final["platforms"].items()} == \
         dict.fromkeys(("cube", "manage", "plugin"), ("disconnect", True))

@@ -15,6 +15,7 @@ enum Exit {
     kMalformed = 5,  // a reply (or status file) that cannot be read
     kNoReply = 6,    // the service closed the connection without a reply
     kError = 7,      // any other failure (network, missing status file)
+    kNotRunning = 8, // status: the daemon is not running (stopped, failed, stale file)
 };
 
 struct Error : std::runtime_error {
@@ -33,6 +34,11 @@ struct Target {
 // One request, one reply text (for Quick: still Base64). Throws Error.
 std::string exchange_udp(const Target &t, const std::string &payload);
 std::string exchange_tcp(const Target &t, const std::string &payload);
+
+// `status`: reads the daemon's status file at `path`, checks that its pid
+// lives, prints a summary (or the JSON, pretty or as read). Throws Error.
+enum class StatusFormat { Text, Json, Raw };
+int show_status(const std::string &path, StatusFormat format);
 
 // Standard Base64 (RFC 4648, padded, no line breaks).
 std::string base64_encode(const std::string &data);

@@ -7,9 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -20,7 +18,8 @@ namespace {
 
 const char kHelp[] = R"(Usage:
   qdquick-cli [--udp | --tcp | --quick] [options] [JSON]
-  qdquick-cli status --status-file PATH [--raw]
+  qdquick-cli status [--root DIR | --status-file PATH] [--json | --raw]
+  qdquick-cli --version
 
 Sends one JSON command to a local request port of the qdquick gateway
 agent and prints the reply, pretty-printed.
@@ -38,8 +37,17 @@ Options:
   --timeout SECS   give up when no whole reply came within SECS seconds
                    (default 5; decimals allowed)
   --raw            print the reply text as received (decoded for --quick)
-  --status-file P  (status) the JSON status file written by the host daemon
   -h, --help       this text
+  -V, --version    the version
+Options take their value as the next word or after '=' (--port=18998).
+
+status: the host daemon's status file, summed up: version, state (checked
+against the daemon's pid), each platform's status, last heartbeat and
+last failure with its reason, the plugins, problems and the last reload.
+  --root DIR       the daemon's root (default $QDQUICK_ROOT, else /); the
+                   file is DIR/var/qdquickd/status.json
+  --status-file P  that status file instead
+  --json           print the file as JSON (pretty); --raw: as read
 
 JSON is the command text, for example '{"RPCMethod":"ListPlugin"}'.
 Without it, or as "-", the command is read from standard input. It must
@@ -56,14 +64,19 @@ Exit status:
   6  no reply: the service closed the TCP connection without answering
      (it does so for messages it does not answer)
   7  any other failure (name lookup, network, missing status file)
+  8  status: the daemon is not running (stopped, failed to start, or the
+     status file is stale: its pid is gone)
 )";
 
 struct Options {
     cli::Transport transport = cli::Transport::Udp;
     cli::Target target;
     bool raw = false;
+    bool json_out = false;
     bool status = false;
     std::string status_file;
+    std::string root;
+    bool have_root = false;
     std::string json;
     bool have_json = false;
 };
@@ -87,15 +100,28 @@ double parse_timeout(const std::string &text) {
     return v;
 }
 
-// Returns false when --help was asked for.
-bool parse(int argc, char **argv, Options &o) {
+enum class Parsed { Run, Help, Version };
+
+Parsed parse(int argc, char **argv, Options &o) {
     for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
+        std::string a = argv[i];
+        // "--opt=value" is "--opt value".
+        std::string inline_value;
+        bool has_inline = false;
+        if (a.rfind("--", 0) == 0 && a.find('=') != std::string::npos) {
+            inline_value = a.substr(a.find('=') + 1);
+            a.resize(a.find('='));
+            has_inline = true;
+        }
+        bool used = false;
         auto value = [&]() -> std::string {
+            used = true;
+            if (has_inline) return inline_value;
             if (i + 1 >= argc) throw usage(a + " needs a value");
             return argv[++i];
         };
-        if (a == "-h" || a == "--help") return false;
+        if (a == "-h" || a == "--help") return Parsed::Help;
+        if (a == "-V" || a == "--version") return Parsed::Version;
         if (a == "--udp") o.transport = cli::Transport::Udp;
         else if (a == "--tcp") o.transport = cli::Transport::Tcp;
         else if (a == "--quick") o.transport = cli::Transport::Quick;
@@ -103,8 +129,12 @@ bool parse(int argc, char **argv, Options &o) {
         else if (a == "--port") o.target.port = parse_port(value());
         else if (a == "--timeout") o.target.timeout = parse_timeout(value());
         else if (a == "--raw") o.raw = true;
+        else if (a == "--json") o.json_out = true;
         else if (a == "--status-file") o.status_file = value();
-        else if (a == "status" && !o.status && !o.have_json) o.status = true;
+        else if (a == "--root") {
+            o.root = value();
+            o.have_root = true;
+        } else if (a == "status" && !o.status && !o.have_json) o.status = true;
         else if (a.size() > 1 && a[0] == '-' && a != "-") throw usage("unknown option " + a);
         else if (!o.have_json) {
             o.json = a;
@@ -112,12 +142,23 @@ bool parse(int argc, char **argv, Options &o) {
         } else {
             throw usage("more than one command given");
         }
+        if (has_inline && !used) throw usage(a + " takes no value");
     }
     if (o.status && o.have_json) throw usage("status takes no command");
-    if (o.status && o.status_file.empty()) throw usage("status needs --status-file");
+    if (!o.status && (o.have_root || !o.status_file.empty() || o.json_out))
+        throw usage("--root, --status-file and --json go with status");
+    if (o.have_root && !o.status_file.empty()) throw usage("give --root or --status-file, not both");
+    if (o.json_out && o.raw) throw usage("give --json or --raw, not both");
+    if (o.status && o.status_file.empty()) {
+        // Where the daemon writes it with its default configuration.
+        const char *env = std::getenv("QDQUICK_ROOT");
+        std::string root = o.have_root ? o.root : env != nullptr ? env : "";
+        while (!root.empty() && root.back() == '/') root.pop_back();
+        o.status_file = root + "/var/qdquickd/status.json";
+    }
     if (o.target.port == 0)
         o.target.port = o.transport == cli::Transport::Tcp ? 18998 : o.transport == cli::Transport::Quick ? 7998 : 18401;
-    return true;
+    return Parsed::Run;
 }
 
 using JsonPtr = std::unique_ptr<cJSON, decltype(&cJSON_Delete)>;
@@ -138,11 +179,9 @@ void print(const std::string &text, bool raw, bool must_be_json, const std::stri
 }
 
 int run_status(const Options &o) {
-    std::ifstream in(o.status_file, std::ios::binary);
-    if (!in) throw cli::Error(cli::kError, "cannot read status file " + o.status_file + ": " + std::strerror(errno));
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    print(text, o.raw, true, "status file " + o.status_file);
-    return cli::kOk;
+    return cli::show_status(o.status_file, o.raw        ? cli::StatusFormat::Raw
+                                           : o.json_out ? cli::StatusFormat::Json
+                                                        : cli::StatusFormat::Text);
 }
 
 int run_request(Options &o) {
@@ -173,9 +212,10 @@ int run_request(Options &o) {
 int main(int argc, char **argv) {
     try {
         Options o;
-        if (!parse(argc, argv, o)) {
-            std::cout << kHelp;
-            return cli::kOk;
+        switch (parse(argc, argv, o)) {
+        case Parsed::Help: std::cout << kHelp; return cli::kOk;
+        case Parsed::Version: std::cout << "qdquick-cli " << QDQUICK_CLI_VERSION << '\n'; return cli::kOk;
+        case Parsed::Run: break;
         }
         return o.status ? run_status(o) : run_request(o);
     } catch (const cli::Error &e) {
