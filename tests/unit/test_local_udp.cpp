@@ -115,6 +115,9 @@ TEST(LocalUdp, HostStartedManagePortOutlivesFailedConnects) {
     manageplatinfo.localport = port;
     manageplatinfo.socketfd = -1;
     deviceinfo.ipmode = AF_INET;
+    // The port serves its platform only: the heartbeat address stays
+    // while a connect moves the current one.
+    std::snprintf(manageplatinfo.heartbeatip, sizeof manageplatinfo.heartbeatip, "127.0.0.1");
     ASSERT_EQ(CreatePrecessUdpReqThread(&manage), 0);
     ASSERT_TRUE(local::udp_answers(port));
     const int published = manageplatinfo.socketfd;
