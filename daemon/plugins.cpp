@@ -1,7 +1,6 @@
 #include "plugins.h"
 
 #include <pthread.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -50,19 +49,12 @@ std::string status_of(const std::string &name) {
     return it == g_plugins.end() ? std::string() : it->second.status;
 }
 
-// The process may take a moment to appear after the shell started it.
-int wait_for_process(const std::string &program) {
-    for (int i = 0; i < 20; ++i) {
-        if (int pid = find_process(program)) return pid;
-        usleep(50 * 1000);
-    }
-    return 0;
-}
-
+// The pid is the library's record of the program it started, never a
+// process found by name.
 void report_running(const std::string &name, const std::string &version) {
     PluginDescriptor d;
     if (!read_descriptor(name, d)) return;
-    if (int pid = wait_for_process(d.entry))
+    if (int pid = HgCPluginPid(name.c_str()))
         say("plugin %s %s is running: %s, pid %d", name.c_str(), version.c_str(), d.entry.c_str(), pid);
     else
         say("plugin %s %s was started but %s is not running", name.c_str(), version.c_str(), d.entry.c_str());
@@ -173,13 +165,10 @@ void plugins_stop_all() {
         for (const auto &[name, p] : g_plugins)
             if (p.status == "Active") active.emplace_back(name, p.version);
     }
-    for (const auto &[name, version] : active) {
-        plugin_stop(name.c_str(), version.c_str());
-        // Give it a moment to end, so that the daemon leaves nothing behind.
-        PluginDescriptor d;
-        if (!read_descriptor(name, d)) continue;
-        for (int i = 0; i < 20 && find_process(d.entry) != 0; ++i) usleep(50 * 1000);
-    }
+    // Each stop waits until the plugin's process group is empty.
+    for (const auto &[name, version] : active) plugin_stop(name.c_str(), version.c_str());
+    // And whatever else this daemon started, with its children.
+    HgCPluginStopAll();
 }
 
 }  // namespace qdd
