@@ -204,6 +204,7 @@ int main(int argc, char **argv) {
     qdd::plugins_configure(config.run_after_install);
     qdd::sessions_configure(config);
     qdd::status_start();
+    qdd::plugins_restore();
     qdd::say("started: serial %s, MAC %s, root %s, configuration %s", config.serial.c_str(),
              getSdkDevInfo()->mac, qdq::root().empty() ? "/" : qdq::root().c_str(), config.path.c_str());
     qdd::sessions_start();
@@ -218,7 +219,10 @@ int main(int argc, char **argv) {
     qdd::plugins_stop_all();
     qdd::status_stopped();
     qdd::say("stopped");
-    std::fflush(nullptr);
+    // Not fflush(nullptr): it locks every stream, and an install thread
+    // blocked reading its download's pipe holds that stream's lock.
+    std::fflush(stdout);
+    std::fflush(stderr);
     // Library threads (timers, services) run until the process ends; static
     // destructors must not run under them.
     _exit(signo > 0 ? 0 : 1);

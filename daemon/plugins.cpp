@@ -2,9 +2,11 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -12,6 +14,7 @@
 #include <vector>
 
 #include "plugin_files.h"
+#include "plugin_state.h"
 #include "qdquick/qdquick.h"
 #include "say.h"
 #include "status_file.h"
@@ -23,14 +26,27 @@ namespace {
 
 struct Plugin {
     std::string version, status, upgradeid;
+    bool running = false;     // to be started again after a restart
+    bool installing = false;  // an install is under way
 };
 
 std::mutex g_mutex;
 std::map<std::string, Plugin> g_plugins;  // by bundle name
 bool g_run_after_install = true;
+// From the shutdown on, stops are the daemon's own: what should run after
+// the next start stays as it was.
+std::atomic<bool> g_shutting_down{false};
 
 bool is_final(const std::string &status) {
     return status == "Installed" || status == "install_failed" || status == "X_BROADCOM_COM_DnldFailed";
+}
+
+// Needs g_mutex.
+void remember_locked() {
+    if (g_shutting_down) return;
+    SavedPlugins saved;
+    for (const auto &[name, p] : g_plugins) saved[name] = SavedPlugin{p.version, p.upgradeid, p.running, p.installing};
+    if (!save_plugins(saved)) note("cannot save the plugin list for the next start");
 }
 
 void set_status(const std::string &name, const std::string &version, const std::string &status) {
@@ -39,6 +55,10 @@ void set_status(const std::string &name, const std::string &version, const std::
         Plugin &p = g_plugins[name];
         if (!version.empty()) p.version = version;
         p.status = status;
+        if (status == "Active") p.running = true;
+        if (status == "install_failed" || status == "X_BROADCOM_COM_DnldFailed") p.running = false;
+        if (status == "Active" || is_final(status)) p.installing = false;
+        remember_locked();
     }
     status_write();
 }
@@ -102,6 +122,8 @@ int plugin_install(int os, const char *name, const char *version, const char *ur
         p.version = version != nullptr ? version : "";
         p.upgradeid = upgradeid != nullptr ? upgradeid : "";
         p.status = "Ordered";
+        p.installing = true;
+        remember_locked();
     }
     if (start_detached(install_body, record.get()) != 0) {
         say("install of %s: cannot start the install thread", name);
@@ -136,6 +158,10 @@ int plugin_stop(const char *name, const char *version) {
     PluginDescriptor d;
     if (name == nullptr || !safe_word(name, 128, false) || !read_descriptor(name, d)) return -1;
     const int rc = ProcessCPluginStop(name, version, d.type.c_str(), d.entry.c_str());
+    {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        g_plugins[name].running = false;
+    }
     set_status(name, version != nullptr ? version : "", "Idle");
     say("plugin %s stopped", name);
     return rc;
@@ -158,7 +184,39 @@ cJSON *plugins_to_json() {
     return list;
 }
 
+void plugins_restore() {
+    const SavedPlugins saved = load_plugins();
+    const auto installed = installed_plugins();
+    // An install that the last stop cut off failed; a folder without a
+    // descriptor of its own is what it left half-way, and goes.
+    for (const auto &[name, p] : saved) {
+        if (!p.installing) continue;
+        if (installed.count(name) == 0) {
+            std::error_code ec;
+            std::filesystem::remove_all(plugin_dir(name), ec);  // never follows a link
+        }
+        say("install of %s %s was cut off by the last stop", name.c_str(), p.version.c_str());
+        {
+            std::lock_guard<std::mutex> lock(g_mutex);
+            Plugin &entry = g_plugins[name];
+            entry.version = p.version;
+            entry.upgradeid = p.upgradeid;
+        }
+        plugin_status(name.c_str(), p.version.c_str(), "install_failed", p.upgradeid.c_str());
+    }
+    for (const auto &[name, version] : installed) {
+        auto it = saved.find(name);
+        if (it != saved.end() && it->second.installing) continue;
+        const bool run = it != saved.end() && it->second.running;
+        say("plugin %s %s found installed%s", name.c_str(), version.c_str(), run ? ", starting it again" : "");
+        set_status(name, version, "Installed");
+        if (run && plugin_run(name.c_str(), version.c_str()) != 0)
+            say("plugin %s %s could not be started again", name.c_str(), version.c_str());
+    }
+}
+
 void plugins_stop_all() {
+    g_shutting_down = true;
     std::vector<std::pair<std::string, std::string>> active;
     {
         std::lock_guard<std::mutex> lock(g_mutex);
