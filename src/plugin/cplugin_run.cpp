@@ -45,12 +45,12 @@ void start_limiter(const std::string &s, pid_t plugin, int cpu) {
         QDQ_LOG("cpulimit not found: %s runs without its CPU limit of %s%%", s.c_str(), percent.c_str());
         return;
     }
-    SpawnSpec spec;
-    spec.dir = "/";
-    spec.argv = {tool, "-p", target, "-l", percent, "-z", "-q"};
+    SpawnPlan plan;
+    plan.dir = "/";
+    plan.argv = {tool, "-p", target, "-l", percent, "-z", "-q"};
     QDQ_LOG("cpulimit,cmdbuf=%s \n", ("cpulimit -p " + target + " -l " + percent + " -z -q").c_str());
     std::string why;
-    const pid_t pid = spawn(spec, why);
+    const pid_t pid = spawn(plan, why);
     if (pid > 0) track(s, pid, true);
     else QDQ_LOG("cpulimit not started: %s", why.c_str());
 }
@@ -62,23 +62,23 @@ int start_app(const std::string &s, int mydir, const std::string &entry, int cpu
         QDQ_LOG("HgCPluginRun: %s, nothing started", entry.empty() ? "no entry file" : "no MyPlugin directory");
         return 0;
     }
-    SpawnSpec spec;
+    SpawnPlan plan;
     std::string command = "./" + entry + "&";
     bool user_ok = true;
     if (vram != -1) {
         OwnUser user;
         user_ok = prepare_own_user(s, mydir, user);
-        spec.switch_user = true;
-        spec.uid = user.uid;
-        spec.gid = user.gid;
+        plan.switch_user = true;
+        plan.uid = user.uid;
+        plan.gid = user.gid;
         command = "setuidgid " + s + " " + command;
     }
     if (vram < 0 && sockets < 0) {
         QDQ_LOG("without resource limit,cmd:%s", command.c_str());
     } else {
         const std::string memory = vram >= 1 ? std::to_string(vram) : vram == 0 ? "unlimited" : "";
-        spec.nofile = sockets == 0 ? 1024 : sockets;  // negative: no open-file limit
-        spec.vram_kib = vram >= 0 ? vram : -1;
+        plan.nofile = sockets == 0 ? 1024 : sockets;  // negative: no open-file limit
+        plan.vram_kib = vram >= 0 ? vram : -1;
         QDQ_LOG("with resource limit,cmd:%s",
                 ("ulimit -n " + std::to_string(sockets == 0 ? 1024 : sockets) + " -v " + memory + " ;" + command)
                     .c_str());
@@ -87,10 +87,10 @@ int start_app(const std::string &s, int mydir, const std::string &entry, int cpu
         QDQ_LOG("HgCPluginRun: %s not started", entry.c_str());
         return 0;
     }
-    spec.dirfd = mydir;  // the directory opened above, not its path again
-    spec.argv = {"./" + entry};
+    plan.dirfd = mydir;  // the directory opened above, not its path again
+    plan.argv = {"./" + entry};
     std::string why;
-    const pid_t pid = spawn(spec, why);
+    const pid_t pid = spawn(plan, why);
     if (pid < 0) {
         QDQ_LOG("HgCPluginRun: %s not started: %s", entry.c_str(), why.c_str());
         return 0;

@@ -59,9 +59,9 @@ bool set_limit(int resource, rlim_t value) {
 
 // Between fork and exec only async-signal-safe calls: everything the child
 // needs was prepared by the parent.
-[[noreturn]] void child(const SpawnSpec &spec, char *const argv[], int devnull, int report) {
+[[noreturn]] void child(const SpawnPlan &plan, char *const argv[], int devnull, int report) {
     if (setsid() < 0) fail(report, 0);
-    if ((spec.dirfd >= 0 ? fchdir(spec.dirfd) : chdir(spec.dir.c_str())) != 0) fail(report, 2);
+    if ((plan.dirfd >= 0 ? fchdir(plan.dirfd) : chdir(plan.dir.c_str())) != 0) fail(report, 2);
     struct sigaction dfl {};
     dfl.sa_handler = SIG_DFL;
     sigemptyset(&dfl.sa_mask);
@@ -71,14 +71,14 @@ bool set_limit(int resource, rlim_t value) {
     sigprocmask(SIG_SETMASK, &none, nullptr);
     // Output goes to the daemon's standard error, input is empty.
     if (dup2(devnull, STDIN_FILENO) < 0 || dup2(STDERR_FILENO, STDOUT_FILENO) < 0) fail(report, 1);
-    if (spec.nofile >= 0 && !set_limit(RLIMIT_NOFILE, static_cast<rlim_t>(spec.nofile))) fail(report, 3);
-    if (spec.vram_kib > 0 && !set_limit(RLIMIT_AS, static_cast<rlim_t>(spec.vram_kib) * 1024)) fail(report, 4);
-    if (spec.vram_kib == 0) set_limit(RLIMIT_AS, RLIM_INFINITY);  // "unlimited": as far as allowed
-    if (spec.switch_user) {
-        if (setgroups(1, &spec.gid) != 0) fail(report, 5);
-        if (setgid(spec.gid) != 0) fail(report, 6);
-        if (setuid(spec.uid) != 0) fail(report, 7);
-        if (setuid(0) == 0 || getuid() != spec.uid || geteuid() != spec.uid) fail(report, 8);
+    if (plan.nofile >= 0 && !set_limit(RLIMIT_NOFILE, static_cast<rlim_t>(plan.nofile))) fail(report, 3);
+    if (plan.vram_kib > 0 && !set_limit(RLIMIT_AS, static_cast<rlim_t>(plan.vram_kib) * 1024)) fail(report, 4);
+    if (plan.vram_kib == 0) set_limit(RLIMIT_AS, RLIM_INFINITY);  // "unlimited": as far as allowed
+    if (plan.switch_user) {
+        if (setgroups(1, &plan.gid) != 0) fail(report, 5);
+        if (setgid(plan.gid) != 0) fail(report, 6);
+        if (setuid(plan.uid) != 0) fail(report, 7);
+        if (setuid(0) == 0 || getuid() != plan.uid || geteuid() != plan.uid) fail(report, 8);
     }
     close_on_exec_from(3);
     execv(argv[0], argv);
@@ -87,14 +87,14 @@ bool set_limit(int resource, rlim_t value) {
 
 }  // namespace
 
-pid_t spawn(const SpawnSpec &spec, std::string &why) {
-    if (spec.argv.empty()) {
+pid_t spawn(const SpawnPlan &plan, std::string &why) {
+    if (plan.argv.empty()) {
         why = "no program";
         return -1;
     }
     qdq::NoCancel no_cancel;  // a cancellation would leak the descriptors
     std::vector<char *> argv;
-    for (const std::string &a : spec.argv) argv.push_back(const_cast<char *>(a.c_str()));  // execv's signature
+    for (const std::string &a : plan.argv) argv.push_back(const_cast<char *>(a.c_str()));  // execv's signature
     argv.push_back(nullptr);
     qdq::Fd devnull = above_stdio(open("/dev/null", O_RDONLY | O_CLOEXEC));
     int p[2] = {-1, -1};
@@ -109,7 +109,7 @@ pid_t spawn(const SpawnSpec &spec, std::string &why) {
         why = std::string("fork: ") + std::strerror(errno);
         return -1;
     }
-    if (pid == 0) child(spec, argv.data(), devnull.get(), wr.get());
+    if (pid == 0) child(plan, argv.data(), devnull.get(), wr.get());
     wr.reset();
     // End of file: exec succeeded (the pipe is close-on-exec).
     Failure f{};

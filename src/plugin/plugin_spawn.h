@@ -12,7 +12,7 @@
 
 namespace qdq::plugin {
 
-struct SpawnSpec {
+struct SpawnPlan {
     std::string dir;                // working directory; argv[0] may be relative to it
     int dirfd = -1;                 // or an open one (taken instead of dir)
     std::vector<std::string> argv;  // argv[0]: the program
@@ -25,7 +25,7 @@ struct SpawnSpec {
 
 // The pid of the started program (the leader of its new process group), or
 // -1 with `why` telling which step failed.
-pid_t spawn(const SpawnSpec &spec, std::string &why);
+pid_t spawn(const SpawnPlan &plan, std::string &why);
 
 // The full path of `program` found on $PATH (executable regular file), or "".
 std::string find_program(const char *program);
