@@ -38,6 +38,7 @@ bool save_plugins(const SavedPlugins &plugins) {
         cJSON_AddStringToObject(item, "UpgradeId", p.upgradeid.c_str());
         cJSON_AddBoolToObject(item, "Running", p.running);
         cJSON_AddBoolToObject(item, "Installing", p.installing);
+        cJSON_AddNumberToObject(item, "Pid", p.pid);
     }
     std::unique_ptr<char, decltype(&cJSON_free)> text(cJSON_Print(doc.get()), cJSON_free);
     if (!text) return false;
@@ -68,6 +69,8 @@ SavedPlugins load_plugins() {
         p.upgradeid = text_of(item, "UpgradeId");
         p.running = cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(item, "Running"));
         p.installing = cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(item, "Installing"));
+        const cJSON *pid = cJSON_GetObjectItemCaseSensitive(item, "Pid");
+        p.pid = cJSON_IsNumber(pid) && pid->valuedouble > 0 && pid->valuedouble < 1e9 ? pid->valueint : 0;
     }
     return out;
 }

@@ -28,6 +28,7 @@ struct Plugin {
     std::string version, status, upgradeid;
     bool running = false;     // to be started again after a restart
     bool installing = false;  // an install is under way
+    int pid = 0;              // its program, while it runs
 };
 
 std::mutex g_mutex;
@@ -45,7 +46,7 @@ bool is_final(const std::string &status) {
 void remember_locked() {
     if (g_shutting_down) return;
     SavedPlugins saved;
-    for (const auto &[name, p] : g_plugins) saved[name] = SavedPlugin{p.version, p.upgradeid, p.running, p.installing};
+    for (const auto &[name, p] : g_plugins) saved[name] = SavedPlugin{p.version, p.upgradeid, p.running, p.installing, p.pid};
     if (!save_plugins(saved)) note("cannot save the plugin list for the next start");
 }
 
@@ -74,7 +75,13 @@ std::string status_of(const std::string &name) {
 void report_running(const std::string &name, const std::string &version) {
     PluginDescriptor d;
     if (!read_descriptor(name, d)) return;
-    if (int pid = HgCPluginPid(name.c_str()))
+    const int pid = HgCPluginPid(name.c_str());
+    {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        g_plugins[name].pid = pid;
+        remember_locked();
+    }
+    if (pid != 0)
         say("plugin %s %s is running: %s, pid %d", name.c_str(), version.c_str(), d.entry.c_str(), pid);
     else
         say("plugin %s %s was started but %s is not running", name.c_str(), version.c_str(), d.entry.c_str());
@@ -161,6 +168,7 @@ int plugin_stop(const char *name, const char *version) {
     {
         std::lock_guard<std::mutex> lock(g_mutex);
         g_plugins[name].running = false;
+        g_plugins[name].pid = 0;
     }
     set_status(name, version != nullptr ? version : "", "Idle");
     say("plugin %s stopped", name);
@@ -210,8 +218,15 @@ void plugins_restore() {
         const bool run = it != saved.end() && it->second.running;
         say("plugin %s %s found installed%s", name.c_str(), version.c_str(), run ? ", starting it again" : "");
         set_status(name, version, "Installed");
-        if (run && plugin_run(name.c_str(), version.c_str()) != 0)
+        if (!run) continue;
+        // A daemon that was killed left its plugins running: keep the one
+        // it ran rather than start a second.
+        if (it->second.pid > 0 && HgCPluginAdopt(name.c_str(), it->second.pid) == 0) {
+            set_status(name, version, "Active");
+            report_running(name, version);
+        } else if (plugin_run(name.c_str(), version.c_str()) != 0) {
             say("plugin %s %s could not be started again", name.c_str(), version.c_str());
+        }
     }
 }
 

@@ -157,3 +157,15 @@ extern "C" QDQ_API int HgCPluginPid(const char *name) {
         return 0;
     }
 }
+
+extern "C" QDQ_API int HgCPluginAdopt(const char *name, int pid) {
+    if (name == nullptr || !is_plain(name, false)) return -1;
+    try {
+        if (!adopt(short_name(name), static_cast<pid_t>(pid))) return -1;
+        QDQ_LOG("HgCPluginAdopt: %s keeps running, pid %d", name, pid);
+        return 0;
+    } catch (const std::exception &e) {
+        QDQ_LOG("HgCPluginAdopt: %s", e.what());
+        return -1;
+    }
+}

@@ -3,11 +3,13 @@
 #include <dirent.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -18,6 +20,7 @@
 
 #include "common/clock.h"
 #include "common/log.h"
+#include "plugin/plugin_paths.h"
 
 namespace qdq::plugin {
 
@@ -155,6 +158,23 @@ void track(const std::string &shortname, pid_t leader, bool limiter) {
         else ++it;
     }
     list.push_back(g);
+}
+
+bool adopt(const std::string &shortname, pid_t pid) {
+    const ProcStat st = proc_stat(pid);
+    if (pid <= 0 || !alive(st) || st.pgrp != pid) return false;
+    char cwd[4096];
+    const ssize_t n = readlink(("/proc/" + std::to_string(pid) + "/cwd").c_str(), cwd, sizeof cwd - 1);
+    if (n <= 0) return false;
+    cwd[n] = '\0';
+    std::error_code ec;
+    const auto mine = std::filesystem::canonical(plugin_dir(shortname) + "MyPlugin", ec);
+    if (ec || mine.string() != cwd) return false;
+    std::lock_guard<std::mutex> lock(g_mutex);
+    for (const Group &g : g_groups[shortname])
+        if (g.leader == pid) return true;
+    g_groups[shortname].push_back(Group{pid, st.start, false});
+    return true;
 }
 
 pid_t running_pid(const std::string &shortname) {

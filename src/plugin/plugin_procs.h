@@ -14,6 +14,11 @@ namespace qdq::plugin {
 // never reported as the plugin.
 void track(const std::string &shortname, pid_t leader, bool limiter = false);
 
+// Takes over a plugin program that an earlier run of the host started and
+// left running (the host was killed): only a live process that leads its
+// own group and whose working directory is the plugin's MyPlugin folder.
+bool adopt(const std::string &shortname, pid_t pid);
+
 // The pid of the plugin's own running program (the first of its tracked
 // leaders that still runs), or 0.
 pid_t running_pid(const std::string &shortname);

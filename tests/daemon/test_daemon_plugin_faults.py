@@ -132,3 +132,32 @@ def test_restart_runs_installed_plugins_and_fails_a_cut_off_install(gateway):
     assert {p["Plugin_Name"]: p["Status"] for p in listed} == \
         {BUNDLE: "Active", "com.qdquick.example.confined": "install_failed"}
     assert not (g.root / "qdconf" / "CPlugin" / "confined").exists()
+
+
+def test_killed_daemon_keeps_its_running_plugin_once(gateway):
+    """A daemon killed with SIGKILL leaves its plugin running; started again,
+    it takes that plugin over instead of starting a second copy."""
+    g = gateway
+    up(g)
+    pid = find_process("sampleplugin", g.daemon.popen.pid)
+    g.daemon.stop(signal.SIGKILL)
+    g.sim.stop()
+    g.start_sim("--no-install")
+    mark = len(g.daemon.text())
+    g.start_daemon()
+    running = eventually(lambda: re.search(r"is running: sampleplugin, pid (\d+)", g.daemon.text()[mark:]), 30,
+                         "the plugin taken over")
+    assert int(running[1]) == pid
+    copies = [p for p in Path("/proc").iterdir() if p.name.isdigit() and _comm(p) == "sampleplugin"]
+    assert len(copies) == 1, copies
+    assert g.daemon.stop(signal.SIGTERM) == 0
+    assert _comm(Path(f"/proc/{pid}")) == ""
+
+
+def _comm(proc: Path) -> str:
+    """The name of a live process, "" when it is gone or a zombie."""
+    try:
+        stat = (proc / "stat").read_text()
+        return "" if stat[stat.rindex(")") + 2] == "Z" else (proc / "comm").read_text().strip()
+    except OSError:
+        return ""
