@@ -87,8 +87,12 @@ int members(pid_t pgid) {
 }
 
 // The leader is our child: collect it once it has ended (nothing to do when
-// the process ignores SIGCHLD and the kernel reaps).
-void reap(const Group &g) { waitpid(g.leader, nullptr, WNOHANG); }
+// the process ignores SIGCHLD and the kernel reaps). Only while the pid is
+// still that leader's: a later child with the same number is not ours to reap.
+void reap(const Group &g) {
+    const ProcStat st = proc_stat(g.leader);
+    if (st.exists && st.start == g.start) waitpid(g.leader, nullptr, WNOHANG);
+}
 
 // Still the group we started? Its leader's pid cannot be handed out again
 // while any member of the group lives; once the leader is gone, a process
@@ -107,7 +111,11 @@ bool wait_empty(const std::vector<Group> &groups, std::chrono::steady_clock::tim
             reap(g);
             if (members(g.leader) > 0) empty = false;
         }
-        if (empty) return true;
+        if (empty) {
+            // A leader that ended after its reap above is a zombie now.
+            for (const Group &g : groups) reap(g);
+            return true;
+        }
         if (std::chrono::steady_clock::now() >= deadline) return false;
         qdq::sleep_for(0.05);
     }

@@ -128,7 +128,14 @@ def test_restart_runs_installed_plugins_and_fails_a_cut_off_install(gateway):
     running = eventually(lambda: re.search(rf"plugin {BUNDLE} 1\.0 is running: sampleplugin, pid (\d+)",
                                            g.daemon.text()[mark:]), 30, "the plugin started again")
     assert int(running[1]) == find_process("sampleplugin", g.daemon.popen.pid) != 0
-    listed = json.loads(local_udp({"RPCMethod": "ListPlugin", "ID": "after"}))["Plugin"]
+
+    def listed_now() -> list | None:  # the local port opens a moment after the restore
+        try:
+            return json.loads(local_udp({"RPCMethod": "ListPlugin", "ID": "after"}, timeout=1))["Plugin"]
+        except OSError:
+            return None
+
+    listed = eventually(listed_now, 30, "a local ListPlugin answer")
     assert {p["Plugin_Name"]: p["Status"] for p in listed} == \
         {BUNDLE: "Active", "com.qdquick.example.confined": "install_failed"}
     assert not (g.root / "qdconf" / "CPlugin" / "confined").exists()
