@@ -1,8 +1,8 @@
 #!/bin/sh
 # Runs the main job (scripts/demo.sh) on the tree built in $1, with its
 # temporary root under $2, in a private PID namespace where allowed: the
-# demo's daemon stops its plugin by process name, which must not reach a
-# plugin of another test running beside it.
+# demo's last check looks for its plugins by process name, and must not see
+# a plugin of another test running beside it.
 set -eu
 top=$(cd "$(dirname "$0")/../.." && pwd)
 export QDQ_DEMO_BUILD="$1" TMPDIR="$2"
