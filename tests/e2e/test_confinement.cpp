@@ -13,6 +13,7 @@
 #include <sstream>
 #include <string>
 
+#include "qdquick/qdplatform.h"
 #include "qdquick/qdquick.h"
 #include "test_env.h"
 
@@ -110,6 +111,16 @@ TEST_F(Confined, RunsAsItsOwnUserWithItsLimitsAndStopsWithTheLimiter) {
     if (limiter != 0) {
         EXPECT_EQ(limiter_of(pid), 0);
     }
+}
+
+// A plugin named like an account of the system never runs as that account.
+TEST_F(Confined, NeverBorrowsAnAccountOfTheSystem) {
+    ASSERT_NE(getpwnam("daemon"), nullptr);
+    plugin("daemon", "exec sleep 60\n");
+    EXPECT_EQ(run("daemon", -1, 0, 0), 0);  // answered as a background start
+    EXPECT_EQ(HgCPluginPid("com.cf.daemon"), 0);
+    EXPECT_EQ(CreatePluginUser("daemon"), -1);
+    EXPECT_EQ(CreatePluginUser("root"), -1);
 }
 
 // Past its limits the plugin's own calls fail: the kernel stops it.
