@@ -69,8 +69,10 @@ bool set_limit(int resource, rlim_t value) {
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    // Output goes to the daemon's standard error, input is empty.
-    if (dup2(devnull, STDIN_FILENO) < 0 || dup2(STDERR_FILENO, STDOUT_FILENO) < 0) fail(report, 1);
+    // Input is empty; output goes to the daemon's standard error (where it
+    // has none, standard output stays as it is).
+    if (dup2(devnull, STDIN_FILENO) < 0) fail(report, 1);
+    (void)dup2(STDERR_FILENO, STDOUT_FILENO);
     if (plan.nofile >= 0 && !set_limit(RLIMIT_NOFILE, static_cast<rlim_t>(plan.nofile))) fail(report, 3);
     if (plan.vram_kib > 0 && !set_limit(RLIMIT_AS, static_cast<rlim_t>(plan.vram_kib) * 1024)) fail(report, 4);
     if (plan.vram_kib == 0) set_limit(RLIMIT_AS, RLIM_INFINITY);  // "unlimited": as far as allowed
