@@ -266,13 +266,15 @@ int main(int argc, char **argv) {
     if (!problems.empty() && config.missing_service_fatal) {
         qdd::status_failed(QDQUICKD_VERSION, problems);
         qdd::warn("exiting: a configured local service cannot start (services.on_failure is \"fatal\")");
-        std::fflush(nullptr);
+        std::fflush(stdout);
+        std::fflush(stderr);
         _exit(1);
     }
     qdd::Config started = config;
     qdd::leave_out(started, problems);
     qdd::sessions_configure(started);
     qdd::status_start(QDQUICKD_VERSION, problems);
+    qdd::plugins_restore();
     qdd::say("started%s: serial %s, MAC %s, root %s, configuration %s", problems.empty() ? "" : " (degraded)",
              config.serial.c_str(), getSdkDevInfo()->mac, qdq::root().empty() ? "/" : qdq::root().c_str(),
              config.path.c_str());
@@ -288,7 +290,10 @@ int main(int argc, char **argv) {
     qdd::plugins_stop_all();
     qdd::status_stopped();
     qdd::say("stopped");
-    std::fflush(nullptr);
+    // Not fflush(nullptr): it locks every stream, and an install thread
+    // blocked reading its download's pipe holds that stream's lock.
+    std::fflush(stdout);
+    std::fflush(stderr);
     // Library threads (timers, services) run until the process ends; static
     // destructors must not run under them.
     _exit(signo > 0 ? 0 : 1);

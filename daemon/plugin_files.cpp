@@ -1,7 +1,5 @@
 #include "plugin_files.h"
 
-#include <dirent.h>
-
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
@@ -69,29 +67,6 @@ bool read_descriptor(const std::string &bundle, PluginDescriptor &out) {
     // Only plugins with the "user" right are held to their limits.
     if (out.right != "user") out.cpu = out.vram = out.sockets = -1;
     return !out.entry.empty();
-}
-
-int find_process(const std::string &program) {
-    const std::string want = program.substr(0, 15);
-    DIR *proc = opendir("/proc");
-    if (proc == nullptr) return 0;
-    int found = 0;
-    while (dirent *e = readdir(proc)) {
-        if (!std::isdigit(static_cast<unsigned char>(e->d_name[0]))) continue;
-        std::ifstream comm(std::string("/proc/") + e->d_name + "/comm");
-        std::string name;
-        if (!std::getline(comm, name) || name != want) continue;
-        // An exited process waiting for its parent is not running.
-        std::ifstream stat(std::string("/proc/") + e->d_name + "/stat");
-        std::string line;
-        std::getline(stat, line);
-        const auto paren = line.rfind(')');
-        if (paren != std::string::npos && paren + 2 < line.size() && line[paren + 2] == 'Z') continue;
-        found = std::atoi(e->d_name);
-        break;
-    }
-    closedir(proc);
-    return found;
 }
 
 }  // namespace qdd

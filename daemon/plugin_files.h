@@ -1,5 +1,5 @@
 // What the daemon reads of an installed C plugin: its directory, the few
-// descriptor keys it needs to run and stop it, and its process.
+// descriptor keys it needs to run and stop it.
 #pragma once
 
 #include <string>
@@ -27,9 +27,5 @@ std::string plugin_dir(const std::string &bundle);
 
 // Reads plugin_dir(bundle) + "Info.plugin"; false when it is missing.
 bool read_descriptor(const std::string &bundle, PluginDescriptor &out);
-
-// Pid of a running (not exited) process whose name is `program` (kernel
-// names are cut to 15 characters), or 0.
-int find_process(const std::string &program);
 
 }  // namespace qdd

@@ -26,7 +26,13 @@ void plugins_add_to_list(cJSON *list);
 void plugin_hooks_register();
 cJSON *plugins_to_json();
 
-// Shutdown: stops every plugin this daemon started.
+// Start: lists the plugins installed under /qdconf/CPlugin/, starts again
+// those that ran at the last stop (confined as their descriptor says) and
+// ends an install that the stop cut off in "install_failed".
+void plugins_restore();
+
+// Shutdown: stops every plugin this daemon started, children included,
+// remembering which ran.
 void plugins_stop_all();
 
 }  // namespace qdd

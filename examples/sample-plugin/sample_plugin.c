@@ -13,14 +13,16 @@ static void on_stop(int signo) {
     stop_requested = 1;
 }
 
-int main(void) {
+int main(int argc, char **argv) {
+    /* The program is packaged under two names (see package.sh). */
+    const char *self = argc > 0 && strrchr(argv[0], '/') != NULL ? strrchr(argv[0], '/') + 1 : "sampleplugin";
     struct sigaction sa;
     memset(&sa, 0, sizeof sa);
     sa.sa_handler = on_stop;
     sigaction(SIGTERM, &sa, NULL);
     sigaction(SIGINT, &sa, NULL);
 
-    printf("sampleplugin: running as pid %ld\n", (long)getpid());
+    printf("%s: running as pid %ld, uid %ld\n", self, (long)getpid(), (long)getuid());
     fflush(stdout);
     for (unsigned long ticks = 1; !stop_requested; ++ticks) {
         /* ../Data is the plugin's persistent data directory. */
@@ -31,7 +33,7 @@ int main(void) {
         }
         sleep(2);
     }
-    printf("sampleplugin: stopped\n");
+    printf("%s: stopped\n", self);
     fflush(stdout);
     return 0;
 }

@@ -63,6 +63,14 @@ QDQ_API int getUciOptionValue(const char *package, const char *section, const ch
 QDQ_API int RunSystemCmd(const char *outfile, ...);
 /* Sends signo to every process named `process`; pidfile is advisory. */
 QDQ_API int stoppid(const char *process, const char *pidfile, int signo);
+/* Makes `name` the system user of a confined plugin: no home directory, no
+ * password, no login shell, a group of the same name (busybox "adduser" on
+ * a gateway, "useradd --system --no-create-home" where it exists). Returns
+ * 0 when `name` is such a plugin user afterwards (made now or by an earlier
+ * call), -1 when it cannot be made or when an account of that name exists
+ * that is not a plugin user (a plugin never runs as an account of the
+ * system). */
+QDQ_API int CreatePluginUser(const char *name);
 
 /* Platform messages. */
 QDQ_API int HgPushUpgradeMessage(int type, upgrademsg *message);

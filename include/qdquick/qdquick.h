@@ -428,6 +428,19 @@ QDQ_API int HgCPluginRun(const char *name, const char *version, const char *type
                          char *entryfile, int cpu, int vram, int sockets);
 QDQ_API int ProcessCPluginStop(const char *name, const char *version, const char *type,
                                const char *entryfile);
+/* C plugins are tracked by process: each program HgCPluginRun starts leads
+ * a process group of its own, and ProcessCPluginStop stops an "app" through
+ * those groups (SIGTERM, a grace period, SIGKILL), children included.
+ * HgCPluginPid: the pid of the plugin's running program, 0 when none.
+ * HgCPluginStopAll: stops every plugin program started by this process (a
+ * host calls it before it exits); returns the number of groups stopped.
+ * HgCPluginAdopt: tracks a plugin program that an earlier, killed run of
+ * the host left running (pid from HgCPluginPid then), so that it is not
+ * started twice: 0 when pid is alive, leads its own process group and runs
+ * in the plugin's MyPlugin folder, else -1. */
+QDQ_API int HgCPluginPid(const char *name);
+QDQ_API int HgCPluginStopAll(void);
+QDQ_API int HgCPluginAdopt(const char *name, int pid);
 QDQ_API int HgCplugPushCheck(const char *name, const char *version, const char *status,
                              const char *upgradeid);
 

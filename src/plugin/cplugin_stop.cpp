@@ -1,4 +1,10 @@
-// ProcessCPluginStop: stops a C plugin's process (or removes its module).
+// ProcessCPluginStop: stops a C plugin's processes (or removes its module).
+//
+// An "app" is stopped through the process groups its starts left behind
+// (plugin_procs), with every child in them: never by a process name, which
+// any other program of the machine may carry. The described name rules
+// (thunder stops "etm" and "vod_httpserver", b01 and m01 stop "b01"/"m01")
+// name the programs of those plugins, which run in the plugin's own group.
 #include <cstring>
 #include <exception>
 #include <string>
@@ -6,29 +12,20 @@
 #include "common/log.h"
 #include "plugin/plugin_log.h"
 #include "plugin/plugin_paths.h"
+#include "plugin/plugin_procs.h"
 #include "plugin/shellsafe.h"
-#include "qdquick/qdplatform.h"
 
 namespace {
 
-void stop_process(const char *process) { stoppid(process, "/var/stopcplugin", 15); }
+using namespace qdq::plugin;
 
-int stop_plugin(const char *name, const char *type, const char *base) {
-    if (std::strcmp(type, "ko") == 0) return qdq::plugin::run_logged("cmdbuf:", std::string("rmmod ") + base);
-    if (std::strcmp(type, "app") != 0) return 0;
-    // Substring tests, in this order: some plugins run under other names.
-    if (std::strstr(name, "thunder") != nullptr) {
-        stop_process("etm");
-        qdq::plugin::run_logged("cmdbuf:", "killall vod_httpserver");
-    } else if (std::strstr(name, "b01") != nullptr) {
-        stop_process("b01");
-        qdq::plugin::run_logged("cmdbuf:", "rmmod m01_b01.ko");
-    } else if (std::strstr(name, "m01") != nullptr) {
-        stop_process("m01");
-        qdq::plugin::run_logged("cmdbuf:", "rmmod m01_b01.ko");
-    } else {
-        stop_process(base);
-    }
+int stop_app(const char *name) {
+    const int groups = stop_tracked(short_name(name));
+    QDQ_LOG("ProcessCPluginStop: %d process group(s) of %s stopped", groups, name);
+    // Substring tests, in this order; the module is a fixed name.
+    if (std::strstr(name, "thunder") == nullptr &&
+        (std::strstr(name, "b01") != nullptr || std::strstr(name, "m01") != nullptr))
+        run_logged("cmdbuf:", "rmmod m01_b01.ko");
     return 0;
 }
 
@@ -40,14 +37,18 @@ extern "C" QDQ_API int ProcessCPluginStop(const char *name, const char *version,
     if (name == nullptr || type == nullptr || entryfile == nullptr) return -1;
     const char *slash = std::strrchr(entryfile, '/');
     const char *base = slash != nullptr ? slash + 1 : entryfile;
-    // The module or process name reaches rmmod's command line.
-    if (!qdq::plugin::is_plain(base, false)) {
-        QDQ_LOG("ProcessCPluginStop: refused, unsafe entry file");
-        return -1;
-    }
-    int rc = -1;
+    int rc = 0;
     try {
-        rc = stop_plugin(name, type, base);
+        if (std::strcmp(type, "ko") == 0) {
+            // The module name reaches rmmod's command line.
+            if (!is_plain(base, false)) {
+                QDQ_LOG("ProcessCPluginStop: refused, unsafe module name");
+                return -1;
+            }
+            rc = run_logged("cmdbuf:", std::string("rmmod ") + base);
+        } else if (std::strcmp(type, "app") == 0) {
+            rc = stop_app(name);  // the entry file plays no part
+        }
     } catch (const std::exception &e) {
         QDQ_LOG("ProcessCPluginStop: %s", e.what());
         return -1;
@@ -56,4 +57,15 @@ extern "C" QDQ_API int ProcessCPluginStop(const char *name, const char *version,
                            version != nullptr ? version : "");
     QDQ_LOG("ProcessCPluginStop end!ret:%d", rc);
     return rc;
+}
+
+extern "C" QDQ_API int HgCPluginStopAll(void) {
+    try {
+        const int groups = qdq::plugin::stop_all_tracked();
+        QDQ_LOG("HgCPluginStopAll: %d process group(s) stopped", groups);
+        return groups;
+    } catch (const std::exception &e) {
+        QDQ_LOG("HgCPluginStopAll: %s", e.what());
+        return -1;
+    }
 }

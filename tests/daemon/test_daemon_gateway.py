@@ -8,9 +8,12 @@ from __future__ import annotations
 import base64
 import calendar
 import json
+import re
+import shutil
 import signal
 import subprocess
 import time
+from pathlib import Path
 
 import pytest
 
@@ -39,8 +42,19 @@ def printed_status(g, running: bool = True) -> dict:
 def test_whole_gateway_session_install_local_commands_and_shutdown(gateway, stop):
     g = gateway
     began = int(time.time())
+    # A program of the machine named like the plugin: no stop may touch it.
+    shutil.copy("/bin/sleep", g.tmp / "sampleplugin")
+    decoy = subprocess.Popen([str(g.tmp / "sampleplugin"), "60"])
     up(g)  # manage heartbeats go by UDP; their answers come back on the local port
-    assert find_process("sampleplugin")
+
+    def plugin() -> int:
+        return find_process("sampleplugin", g.daemon.popen.pid)
+
+    def reported() -> list[int]:
+        return [int(pid) for pid in re.findall(r"is running: sampleplugin, pid (\d+)", g.daemon.text())]
+
+    # The pid the daemon reports is the plugin's own.
+    assert eventually(lambda: reported(), 10, "the running plugin reported")[-1] == plugin() != 0
     # The Install was answered at once on the plugin channel.
     reply = g.sim.wait(10, platform="plugin", kind="reply")
     assert reply["json"]["ID"] == "install-1" and reply["json"]["Result"] == 0
@@ -90,13 +104,18 @@ def test_whole_gateway_session_install_local_commands_and_shutdown(gateway, stop
         r = g.sim.control(cmd="push", platform="plugin", wait=10,
                           message={"RPCMethod": method, "ID": method, "Plugin_Name": BUNDLE, "Version": "1.0"})
         assert r["reply"]["json"] == {"ID": method, "Result": 0}
-        eventually(lambda: bool(find_process("sampleplugin")) == running, 10, f"plugin after {method}")
+        eventually(lambda: bool(plugin()) == running, 10, f"plugin after {method}")
+    eventually(lambda: len(reported()) == 2 and reported()[-1] == plugin(), 10, "the restarted plugin reported")
+    last = plugin()
 
     # SIGTERM or SIGINT: disconnect, stop the plugin, exit 0 promptly.
     started, stopped_at = time.monotonic(), int(time.time())
     assert g.daemon.stop(stop) == 0
     assert time.monotonic() - started < 6
-    assert not find_process("sampleplugin")
+    assert not Path(f"/proc/{last}").exists() or "Z" in Path(f"/proc/{last}/stat").read_text().rsplit(")", 1)[1][:3]
+    assert decoy.poll() is None, "a process named like the plugin was stopped"
+    decoy.kill()
+    decoy.wait()
     assert f"{stop.name} received: disconnecting the platforms" in g.daemon.text()
     final = printed_status(g, running=False)
     assert final["state"] == "stopped"

@@ -1,11 +1,14 @@
 """Plugin installs that fail half-way end with a clear status; the next
 install into the same directory gives a plugin that runs, with no package
 file left behind, and threads and descriptors come back to their baseline.
-A slow download shows its progress."""
+A slow download shows its progress; a restart brings back what was installed
+and running."""
 
 from __future__ import annotations
 
+import json
 import os
+import re
 import signal
 import socket
 import subprocess
@@ -15,7 +18,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import BUNDLE, DAEMON, HOST, PACKAGES, answers_and_settles, eventually, find_process, up
+from conftest import BUNDLE, DAEMON, HOST, PACKAGES, answers_and_settles, eventually, find_process, local_udp, up
 
 PACKAGE = Path(PACKAGES) / "sample-1.0.cpk"
 
@@ -126,3 +129,81 @@ def test_plugin_directory_full(gateway):
                    check=True)
     runs_cleanly(g, Path(f"/proc/{pid}/root") / str(plugin_root).lstrip("/"), "roomy")
     answers_and_settles(g, base)
+
+
+def test_restart_runs_installed_plugins_and_fails_a_cut_off_install(gateway):
+    """Install, SIGTERM while a second install downloads, start again without
+    any platform order: the plugin is listed and running, the cut-off install
+    is "install_failed" and left no half-installed folder."""
+    g = gateway
+    up(g)
+    before = find_process("sampleplugin", g.daemon.popen.pid)
+    server = socket.create_server((HOST, 0))
+    release = threading.Event()
+
+    def serve() -> None:  # a download that never ends
+        conn, _ = server.accept()
+        with conn:
+            conn.recv(4096)
+            conn.sendall(b"HTTP/1.0 200 OK\r\nContent-Length: 100000\r\n\r\nx")
+            release.wait(60)
+
+    threading.Thread(target=serve, daemon=True).start()
+    try:
+        order = {"RPCMethod": "Install", "ID": "cut", "Plugin_Name": "com.qdquick.example.confined", "Version": "1.0",
+                 "Download_url": f"http://{HOST}:{server.getsockname()[1]}/confined-1.0.cpk", "OS": 0,
+                 "upgrade_ID": "cut"}
+        assert g.sim.push("plugin", 15, message=order)["json"]["Result"] == 0
+        eventually(lambda: find_process("wget", g.daemon.popen.pid), 30, "the download to start")
+        assert g.daemon.stop(signal.SIGTERM) == 0
+    finally:
+        release.set()
+        server.close()
+    assert not Path(f"/proc/{before}/cmdline").exists() or not Path(f"/proc/{before}/cmdline").read_bytes()
+    g.sim.stop()
+    g.start_sim("--no-install")
+    mark = len(g.daemon.text())  # the output file goes on after the first run's
+    g.start_daemon()
+    running = eventually(lambda: re.search(rf"plugin {BUNDLE} 1\.0 is running: sampleplugin, pid (\d+)",
+                                           g.daemon.text()[mark:]), 30, "the plugin started again")
+    assert int(running[1]) == find_process("sampleplugin", g.daemon.popen.pid) != 0
+
+    def listed_now() -> list | None:  # the local port opens a moment after the restore
+        try:
+            return json.loads(local_udp({"RPCMethod": "ListPlugin", "ID": "after"}, timeout=1))["Plugin"]
+        except OSError:
+            return None
+
+    listed = eventually(listed_now, 30, "a local ListPlugin answer")
+    assert {p["Plugin_Name"]: p["Status"] for p in listed} == \
+        {BUNDLE: "Active", "com.qdquick.example.confined": "install_failed"}
+    assert not (g.root / "qdconf" / "CPlugin" / "confined").exists()
+
+
+def test_killed_daemon_keeps_its_running_plugin_once(gateway):
+    """A daemon killed with SIGKILL leaves its plugin running; started again,
+    it takes that plugin over instead of starting a second copy."""
+    g = gateway
+    up(g)
+    pid = find_process("sampleplugin", g.daemon.popen.pid)
+    g.daemon.stop(signal.SIGKILL)
+    g.sim.stop()
+    g.start_sim("--no-install")
+    mark = len(g.daemon.text())
+    g.start_daemon()
+    running = eventually(lambda: re.search(r"is running: sampleplugin, pid (\d+)", g.daemon.text()[mark:]), 30,
+                         "the plugin taken over")
+    assert int(running[1]) == pid
+    copies = [p for p in Path("/proc").iterdir() if p.name.isdigit() and _comm(p) == "sampleplugin"]
+    assert len(copies) == 1, copies
+    assert g.daemon.stop(signal.SIGTERM) == 0
+    assert _comm(Path(f"/proc/{pid}")) == ""
+
+
+def _comm(proc: Path) -> str:
+    """The name of a live process, "" when it is gone or a zombie."""
+    try:
+        stat = (proc / "stat").read_text()
+        return "" if stat[stat.rindex(")") + 2] == "Z" else (proc / "comm").read_text().strip()
+    except OSError:
+        return ""

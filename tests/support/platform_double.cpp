@@ -116,6 +116,13 @@ int stoppid(const char *process, const char *pidfile, int signo) {
     return 0;
 }
 
+// Records only: the user is never made here, so a confined start stops at
+// the user lookup.
+int CreatePluginUser(const char *name) {
+    platform().record("CreatePluginUser " + text(name));
+    return 0;
+}
+
 int HgPushUpgradeMessage(int type, upgrademsg *m) {
     std::string line = "HgPushUpgradeMessage " + std::to_string(type);
     if (m) line += " " + std::to_string(m->failed) + " " + m->version + " " + m->errcode + " " + m->upgradeid + " " +

@@ -1,14 +1,19 @@
 // C plugins end to end: real packages fetched with wget from a loopback
 // server and unpacked with tar, the reported status sequence, starts and
-// stops with fake privileged tools (first on PATH, recording their command
-// lines), refused injection attempts, and the install-result push check.
+// stops of real plugin processes (insmod, rmmod and cpulimit are fakes first
+// on PATH, recording their command lines), refused injection attempts, and
+// the install-result push check. Starts as a user of the plugin's own are
+// in tests/e2e/test_confinement.cpp: they need a private /etc.
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <atomic>
 #include <climits>
+#include <cstring>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -120,7 +125,7 @@ protected:
     void SetUp() override {
         static const bool fakes = [] {
             sh("mkdir -p '" + in_root("/fakebin") + "'");
-            for (std::string tool : {"adduser", "chown", "setuidgid", "cpulimit", "insmod", "rmmod", "killall"}) {
+            for (std::string tool : {"cpulimit", "insmod", "rmmod", "killall"}) {
                 qdq_test::write_file(in_root("/fakebin/" + tool),
                                      "#!/bin/sh\necho \"" + tool + " $*\" >> '" + tools() + "'\n");
                 chmod(in_root("/fakebin/" + tool).c_str(), 0755);
@@ -184,9 +189,11 @@ TEST_F(CPlugin, PackagesAndDescriptorRulesAllAtOnce) {
     // Only the plugin of Right "user" is held to its limits, as a user of its own.
     EXPECT_EQ(grep(main_log(), "pluginname:com.t.adm,filename:MyPlugin/prog,cpulimit=-1,vRamLimit=-1,socketLimit=-1")
                   .size(), 1u);
-    EXPECT_EQ(grep(tools(), "cpulimit", 1), Lines{"cpulimit -e prog -b -l 1"});
-    EXPECT_EQ(grep(tools(), "adduser"), Lines{"adduser lim -DH"});
-    EXPECT_EQ(grep(tools(), "setuidgid"), Lines{"setuidgid lim ./prog"});
+    EXPECT_EQ(grep(main_log(), "with resource limit,cmd:ulimit -n 1024 -v unlimited ;setuidgid lim ./prog&").size(), 1u);
+    EXPECT_EQ(qdq_test::platform().calls_named("CreatePluginUser"), Lines{"CreatePluginUser lim"});
+    // Without its own user (none can be made here) the plugin does not start.
+    EXPECT_EQ(grep(main_log(), "HgCPluginRun: no plugin user lim").size(), 1u);
+    EXPECT_EQ(grep(tools(), "cpulimit"), Lines{});
 }
 
 // Builds gzip tars with Python's tarfile: "@<file>" starts one, members
@@ -408,6 +415,34 @@ TEST_F(CPlugin, InjectionAttemptsRunNothing) {
     EXPECT_EQ(grep(tools()), Lines{});
 }
 
+// A process that exists and has not ended (a zombie has).
+bool live(int pid) {
+    std::string stat = qdq_test::read_file("/proc/" + std::to_string(pid) + "/stat");
+    size_t paren = stat.rfind(')');
+    return paren != std::string::npos && paren + 2 < stat.size() && stat[paren + 2] != 'Z';
+}
+
+// Two words after `label` in /proc/PID/limits: the soft and hard limit.
+std::string limit_of(int pid, const std::string &label) {
+    std::istringstream in(qdq_test::read_file("/proc/" + std::to_string(pid) + "/limits"));
+    for (std::string l; std::getline(in, l);)
+        if (l.rfind(label, 0) == 0) {
+            std::istringstream words(l.substr(label.size()));
+            std::string soft, hard;
+            words >> soft >> hard;
+            return soft + " " + hard;
+        }
+    return "";
+}
+
+// MyPlugin/<prog> of plugin <s>: marks that it ran, then keeps running.
+std::string plugin_program(const std::string &s, const std::string &prog, const std::string &body) {
+    std::string dir = in_root("/qdconf/CPlugin/" + s + "/MyPlugin");
+    sh("mkdir -p '" + dir + "'");
+    qdq_test::write_file(dir + "/" + prog, "#!/bin/sh\n" + body);  // made executable by the run
+    return dir;
+}
+
 TEST_F(CPlugin, LimitRulesKeepTheWorkingDirectory) {
     char before[PATH_MAX], after[PATH_MAX];
     ASSERT_NE(getcwd(before, sizeof before), nullptr);
@@ -415,40 +450,64 @@ TEST_F(CPlugin, LimitRulesKeepTheWorkingDirectory) {
         int cpu, vram, sockets;
         const char *limiter;  // cpulimit percentage, or none
         std::string line;     // logged start line; "setuidgid" = own user
+        std::string nofile;   // open-file limit of the running plugin
         bool local = false;   // installed by a local client's order
     } cases[] = {
-        {1, -1, -1, "1", "without resource limit,cmd:./p0&"},
-        {3, -1, -1, "1", "without resource limit,cmd:./p1&"},
-        {0, 0, 0, nullptr, "with resource limit,cmd:ulimit -n 1024 -v unlimited ;setuidgid s2 ./p2&"},
-        {-1, -1, 64, nullptr, "with resource limit,cmd:ulimit -n 64 -v  ;./p3&"},
-        {8, 2048, 10, "4", "with resource limit,cmd:ulimit -n 10 -v 2048 ;setuidgid s4 ./p4&"},
+        {1, -1, -1, "1", "without resource limit,cmd:./p0&", ""},
+        {3, -1, -1, "1", "without resource limit,cmd:./p1&", ""},
+        {0, 0, 0, nullptr, "with resource limit,cmd:ulimit -n 1024 -v unlimited ;setuidgid s2 ./p2&", ""},
+        {-1, -1, 64, nullptr, "with resource limit,cmd:ulimit -n 64 -v  ;./p3&", "64 64"},
+        {8, 2048, 10, "4", "with resource limit,cmd:ulimit -n 10 -v 2048 ;setuidgid s4 ./p4&", ""},
         // whatever its descriptor claims, a locally ordered plugin is confined
-        {-1, -1, -1, nullptr, "with resource limit,cmd:ulimit -n 1024 -v unlimited ;setuidgid s5 ./p5&", true},
+        {-1, -1, -1, nullptr, "with resource limit,cmd:ulimit -n 1024 -v unlimited ;setuidgid s5 ./p5&", "", true},
     };
     for (size_t i = 0; i < std::size(cases); ++i) {
         const auto &c = cases[i];
-        std::string s = "s" + std::to_string(i), p = "p" + std::to_string(i);
-        std::string dir = in_root("/qdconf/CPlugin/" + s + "/MyPlugin");
-        sh("mkdir -p '" + dir + "'");
-        qdq_test::write_file(dir + "/" + p, "#!/bin/sh\ntouch ran\n");  // made executable by the run
+        std::string s = "s" + std::to_string(i), p = "p" + std::to_string(i), name = "com.x." + s;
+        std::string dir = plugin_program(s, p, "touch ran\nexec sleep 30\n");
         char entry[16];
         snprintf(entry, sizeof entry, "bin/%s", p.c_str());
-        if (c.local) qdq::plugin_mark_local_origin(("com.x." + s).c_str());
-        EXPECT_EQ(HgCPluginRun(("com.x." + s).c_str(), "1", "app", entry, c.cpu, c.vram, c.sockets), 0) << s;
+        if (c.local) qdq::plugin_mark_local_origin(name.c_str());
+        EXPECT_EQ(HgCPluginRun(name.c_str(), "1", "app", entry, c.cpu, c.vram, c.sockets), 0) << s;
         EXPECT_EQ(entry, p);  // cut to its last component
         EXPECT_EQ(grep(main_log(), c.line).size(), 1u) << s;
-        Lines limiter = c.limiter ? Lines{"cpulimit -e " + p + " -b -l " + c.limiter} : Lines{};
-        EXPECT_EQ(grep(tools(), "cpulimit -e " + p + " ", limiter.size()), limiter) << s;
         if (c.line.find("setuidgid") != std::string::npos) {
-            EXPECT_EQ(grep(tools(), "setuidgid " + s, 1), Lines{"setuidgid " + s + " ./" + p});
-            EXPECT_EQ(grep(tools(), "adduser " + s + " -DH").size(), 1u);
-        } else {  // the daemon's user starts it in its own directory
-            for (int w = 0; w < 500 && !exists(dir + "/ran"); ++w) usleep(10000);
-            EXPECT_TRUE(exists(dir + "/ran") && grep(tools(), " " + s).empty()) << s;
+            // No plugin user can be made here: nothing runs, not as root either.
+            EXPECT_EQ(qdq_test::platform().calls_named("CreatePluginUser"), Lines{"CreatePluginUser " + s});
+            EXPECT_EQ(HgCPluginPid(name.c_str()), 0) << s;
+            EXPECT_FALSE(exists(dir + "/ran")) << s;
+            qdq_test::platform().reset();
+            continue;
         }
+        // The daemon's user starts it in its own directory; the pid reported
+        // is the program's own, and the limiter watches that pid.
+        for (int w = 0; w < 500 && !exists(dir + "/ran"); ++w) usleep(10000);
+        const int pid = HgCPluginPid(name.c_str());
+        ASSERT_GT(pid, 0) << s;
+        EXPECT_EQ(getpgid(pid), pid) << s;  // a group of its own
+        EXPECT_EQ(getsid(pid), pid) << s;
+        Lines limiter = c.limiter ? Lines{"cpulimit -p " + std::to_string(pid) + " -l " + c.limiter + " -z -q"} : Lines{};
+        EXPECT_EQ(grep(tools(), "cpulimit", limiter.size()), limiter) << s;
+        if (!c.nofile.empty()) {
+            EXPECT_EQ(limit_of(pid, "Max open files"), c.nofile) << s;
+        }
+        EXPECT_EQ(ProcessCPluginStop(name.c_str(), "1", "app", p.c_str()), 0);
+        EXPECT_FALSE(live(pid)) << s;
+        unlink(tools().c_str());
     }
     ASSERT_NE(getcwd(after, sizeof after), nullptr);
     EXPECT_STREQ(after, before);
+}
+
+// The system answers an "app" with the status of its background start.
+TEST_F(CPlugin, AppWithoutEntryOrMyPluginStartsNothingAndAnswersZero) {
+    plugin_program("noentry", "prog", "touch ran\n");
+    char empty[] = "", entry[] = "prog";
+    EXPECT_EQ(HgCPluginRun("com.x.noentry", "1", "app", empty, -1, -1, -1), 0);
+    EXPECT_EQ(HgCPluginRun("com.x.nodir", "1", "app", entry, -1, -1, -1), 0);
+    EXPECT_EQ(grep(main_log(), "HgCPluginRun: no entry file, nothing started").size(), 1u);
+    EXPECT_EQ(grep(main_log(), "HgCPluginRun: no MyPlugin directory, nothing started").size(), 1u);
+    EXPECT_EQ(HgCPluginPid("com.x.noentry") + HgCPluginPid("com.x.nodir"), 0);
 }
 
 TEST_F(CPlugin, KernelModuleAndStopRules) {
@@ -460,24 +519,48 @@ TEST_F(CPlugin, KernelModuleAndStopRules) {
     qdq::plugin_mark_local_origin("com.y.kmod");  // a local order never loads a module
     EXPECT_EQ(HgCPluginRun("com.y.kmod", "1", "ko", entry, 5, -1, -1), -1);
     EXPECT_EQ(grep(tools()), Lines{"insmod " + dir});
+    // A process of this test named like every plugin's entry: never touched.
+    pid_t decoy = fork();
+    if (decoy == 0) {
+        execlp("sleep", "sleep", "30", static_cast<char *>(nullptr));
+        _exit(127);
+    }
     struct {
-        const char *type, *name, *entry;
-        Lines tools, stopped;
+        const char *type, *name, *entry;  // entry: what the stop is given
+        Lines tools;
     } cases[] = {
-        {"ko", "com.x.kmod", "drv/mod.ko", {"rmmod mod.ko"}, {}},
-        {"app", "com.brevanta.varnelo.smartgateway.thunder", "bin/th", {"killall vod_httpserver"},
-         {"stoppid etm /var/stopcplugin 15"}},
-        {"app", "com.brevanta.varnelo.smartgateway.b01", "b", {"rmmod m01_b01.ko"},
-         {"stoppid b01 /var/stopcplugin 15"}},
-        {"app", "com.x.plain", "bin/prog", {}, {"stoppid prog /var/stopcplugin 15"}},
+        {"ko", "com.x.kmod", "drv/mod.ko", {"rmmod mod.ko"}},
+        {"app", "com.brevanta.varnelo.smartgateway.thunder", "bin/th", {}},
+        {"app", "com.brevanta.varnelo.smartgateway.b01", "b c", {"rmmod m01_b01.ko"}},
+        {"app", "com.brevanta.varnelo.smartgateway.m01", "m;01", {"rmmod m01_b01.ko"}},
+        {"app", "com.x.plain", "bin/$(prog)", {}},
     };
     for (const auto &c : cases) {
+        int pid = 0, child = 0;
+        if (std::strcmp(c.type, "app") == 0) {  // running, with a child in its group
+            std::string s = std::strrchr(c.name, '.') + 1;
+            std::string mydir = plugin_program(s, "sleep", "sleep 30 &\necho $! > child\nexec sleep 30\n");
+            char run_entry[] = "sleep";
+            ASSERT_EQ(HgCPluginRun(c.name, "3.1", "app", run_entry, -1, -1, -1), 0);
+            for (int w = 0; w < 500 && qdq_test::read_file(mydir + "/child").empty(); ++w) usleep(10000);
+            pid = HgCPluginPid(c.name);
+            child = std::atoi(qdq_test::read_file(mydir + "/child").c_str());
+            ASSERT_TRUE(pid > 0 && live(pid) && child > 0 && live(child)) << c.name;
+        }
         unlink(tools().c_str());
         qdq_test::platform().reset();
         EXPECT_EQ(ProcessCPluginStop(c.name, "3.1", c.type, c.entry), 0) << c.name;
         EXPECT_EQ(grep(tools()), c.tools) << c.name;
-        EXPECT_EQ(qdq_test::platform().calls_named("stoppid"), c.stopped) << c.name;
+        EXPECT_EQ(qdq_test::platform().calls_named("stoppid"), Lines{}) << c.name;
+        EXPECT_EQ(grep(in_root("/var/pluginlog.txt"), std::string("Stop C Plugin success, name:") + c.name).size(),
+                  1u) << c.name;
+        if (pid != 0) {
+            EXPECT_FALSE(live(pid) || live(child) || HgCPluginPid(c.name) != 0) << c.name;
+        }
     }
+    EXPECT_TRUE(live(decoy));
+    kill(decoy, SIGKILL);
+    waitpid(decoy, nullptr, 0);
 }
 
 TEST_F(CPlugin, PushCheckPushesFinalStatusesOnly) {
