@@ -43,7 +43,8 @@ bool plugin_folders_ok(const std::string &shortname) {
     std::string dir = plugin_dir(shortname), var_dir = qdq::path(kVolatileRoot) + shortname;
     struct stat st;
     const char *bad = nullptr;
-    if (lstat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) bad = "plugin folder";
+    // A plugin that is not there is no threat: its run finds nothing to start.
+    if (!absent_or_folder(dir)) bad = "plugin folder";
     else if (!absent_or_folder(dir + "MyPlugin")) bad = "MyPlugin";
     else if (!absent_or_folder(dir + "MyPlugin/Lib")) bad = "MyPlugin/Lib";
     else if (!absent_or_folder(qdq::path(kCommonLib))) bad = "Lib";
