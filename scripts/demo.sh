@@ -138,7 +138,7 @@ if [ "$keep" = 1 ]; then
   cat <<EOT
 
 The gateway keeps running. From another terminal try:
-  $cli status --status-file $root/var/qdquickd/status.json
+  $cli status --root $root
   ${pfx}$cli --tcp '{"RPCMethod":"ListPlugin","ID":"1"}'
   ${pfx}$cli --quick '{"Cmd":"Discover"}'
   ${pfx}$cli --udp '{"RPCMethod":"Post","Parameter":"eyJDbWRUeXBlIjoiR2V0UGxhdGZvcm1TdGF0dXMifQ=="}'
