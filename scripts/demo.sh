@@ -134,11 +134,13 @@ say "local ListPlugin answered: $answer"
 case "$answer" in *sample*) ;; *) ok=0 ;; esac
 
 if [ "$keep" = 1 ]; then
-  pfx=""; [ "$QDQ_DEMO_INSIDE" = netns ] && pfx="nsenter -t $QDQ_DEMO_NS_PID -n "
+  # Inside the demo's namespaces the pids and ports are its own: enter them
+  # (the demo's shell is the only child of the unshare that made them).
+  pfx=""; [ "$QDQ_DEMO_INSIDE" = netns ] && pfx="nsenter -a -t \$(pgrep -P $QDQ_DEMO_NS_PID) "
   cat <<EOT
 
 The gateway keeps running. From another terminal try:
-  $cli status --root $root
+  ${pfx}$cli status --root $root
   ${pfx}$cli --tcp '{"RPCMethod":"ListPlugin","ID":"1"}'
   ${pfx}$cli --quick '{"Cmd":"Discover"}'
   ${pfx}$cli --udp '{"RPCMethod":"Post","Parameter":"eyJDbWRUeXBlIjoiR2V0UGxhdGZvcm1TdGF0dXMifQ=="}'
