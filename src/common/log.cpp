@@ -85,12 +85,20 @@ struct OpenLog {
 };
 
 // The general, trace and push logs and one more.
-OpenLog g_open[4];
+constexpr unsigned kKeptLogs = 4;
 unsigned g_next_slot = 0;
 
+// Never destroyed: detached threads still log while the process exits,
+// after static destructors have run.
+OpenLog *kept_logs() {
+    static OpenLog *const logs = new OpenLog[kKeptLogs];
+    return logs;
+}
+
 OpenLog *find_open(const char *key) {
-    for (OpenLog &log : g_open)
-        if (log.fd >= 0 && log.key == key) return &log;
+    OpenLog *logs = kept_logs();
+    for (unsigned i = 0; i < kKeptLogs; ++i)
+        if (logs[i].fd >= 0 && logs[i].key == key) return &logs[i];
     return nullptr;
 }
 
@@ -108,8 +116,8 @@ int log_descriptor(const char *key, off_t &size) {
         }
         log->drop();
     } else {
-        log = &g_open[g_next_slot];
-        g_next_slot = (g_next_slot + 1) % (sizeof g_open / sizeof g_open[0]);
+        log = &kept_logs()[g_next_slot];
+        g_next_slot = (g_next_slot + 1) % kKeptLogs;
         log->drop();
         try {
             log->key = key;
