@@ -1,15 +1,14 @@
-// AppMgrLogLine: one time-stamped line per call, appended to the named file.
-// A file removed, renamed or emptied from outside is re-created or continued
-// on the next line, exactly as if it were opened for every line.
+// AppMgrLogLine: one time-stamped line per call, appended to the named file,
+// which is opened and closed on every call so that a file removed, renamed
+// or emptied from outside is simply re-created or continued, and no
+// descriptor is ever kept.
 //
 // Cost per line: the message is formatted before the lock is taken (into
-// the caller's stack). Under the lock the file's descriptor (close-on-exec)
-// is kept between lines, but used only after a stat of the path shows the
-// same file, so no line ever goes into a removed or replaced file; the size
-// limit is checked from the same stat; the line is one writev. Two system
-// calls where stdio took seven (open, two stats, two seeks, write, close).
-// The time stamp is formatted at most once a second, under the lock, so
-// stamps never go backwards in a file.
+// the caller's stack); under the lock one open (O_APPEND), one fstat for the
+// size limit, one writev of the whole line and one close: four system calls
+// where stdio took seven (open, two stats, two seeks, write, close). The
+// time stamp is formatted at most once a second, under the lock, so stamps
+// never go backwards in a file.
 #include "common/log.h"
 
 #include <fcntl.h>
@@ -68,91 +67,26 @@ size_t format_message(MessageBuffer &out, const char *format, va_list ap) {
 
 enum class Append { written, open_failed, truncate_failed };
 
-// A log file kept open between lines, and the identity of the file it was
-// opened on. Used only while log_mutex is held.
-struct OpenLog {
-    std::string key;   // the caller's path, before the root is applied
-    std::string file;  // the path opened
-    int fd = -1;
-    dev_t dev = 0;
-    ino_t ino = 0;
-
-    void drop() {
-        if (fd >= 0) close(fd);
-        fd = -1;
-    }
-    bool same(const struct stat &st) const { return st.st_dev == dev && st.st_ino == ino; }
-};
-
-// The general, trace and push logs and one more.
-constexpr unsigned kKeptLogs = 4;
-unsigned g_next_slot = 0;
-
-// Never destroyed: detached threads still log while the process exits,
-// after static destructors have run.
-OpenLog *kept_logs() {
-    static OpenLog *const logs = new OpenLog[kKeptLogs];
-    return logs;
-}
-
-OpenLog *find_open(const char *key) {
-    OpenLog *logs = kept_logs();
-    for (unsigned i = 0; i < kKeptLogs; ++i)
-        if (logs[i].fd >= 0 && logs[i].key == key) return &logs[i];
-    return nullptr;
-}
-
-// Lock held. The descriptor of `key`'s file and its current size. A kept
-// descriptor is used only while the path still names the file it was
-// opened on: a file removed, renamed or replaced from outside is re-created
-// or re-opened here, so a line never goes into a removed file.
-int log_descriptor(const char *key, off_t &size) {
-    OpenLog *log = find_open(key);
-    struct stat at_path, held;
-    if (log != nullptr) {
-        if (stat(log->file.c_str(), &at_path) == 0 && log->same(at_path)) {
-            size = at_path.st_size;
-            return log->fd;
-        }
-        log->drop();
-    } else {
-        log = &kept_logs()[g_next_slot];
-        g_next_slot = (g_next_slot + 1) % kKeptLogs;
-        log->drop();
-        try {
-            log->key = key;
-            log->file = qdq::path(key);
-        } catch (const std::exception &) {
-            return -1;  // out of memory: the line is lost
-        }
-    }
-    const int fd = open(log->file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
-    if (fd < 0) return -1;
-    if (fstat(fd, &held) != 0) {
-        close(fd);
-        return -1;
-    }
-    log->fd = fd;
-    log->dev = held.st_dev;
-    log->ino = held.st_ino;
-    size = held.st_size;
-    return fd;
-}
-
-// Lock held. Appends one line to `key`'s file, emptying the file first when
-// it has reached the size limit. Short writes are not retried (nor were
+// Lock held. Appends one line to `file`, emptying the file first when it has
+// reached the size limit. The file is opened for every line and no
+// descriptor is kept: a kept one would show in the host's descriptor count
+// and hold a removed file's space. Short writes are not retried (nor were
 // they ever reported).
-Append append_line(const char *key, const char *message, size_t length) {
-    off_t size = 0;
-    const int fd = log_descriptor(key, size);
+Append append_line(const char *file, const char *message, size_t length) {
+    const int fd = open(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
     if (fd < 0) return Append::open_failed;
     const int limit = gQuickLogSize;
-    if (limit > 0 && size / 1024 >= limit && ftruncate(fd, 0) != 0) return Append::truncate_failed;
+    struct stat st;
+    if (limit > 0 && fstat(fd, &st) == 0 && st.st_size / 1024 >= limit && ftruncate(fd, 0) != 0) {
+        close(fd);
+        return Append::truncate_failed;
+    }
     refresh_stamp();
     // One call: the line is one append, never split by another process's.
     iovec parts[2] = {{g_stamp, g_stamp_length}, {const_cast<char *>(message), length}};
     ssize_t ignored = writev(fd, parts, 2);
     (void)ignored;
+    close(fd);
     return Append::written;
 }
 
@@ -160,6 +94,12 @@ Append append_line(const char *key, const char *message, size_t length) {
 
 extern "C" QDQ_API int AppMgrLogLine(const char *path, const char *format, ...) {
     if (path == nullptr || format == nullptr) return -1;
+    std::string file;
+    try {
+        file = qdq::path(path);
+    } catch (const std::exception &) {
+        return -1;  // out of memory: the line is lost, nothing else
+    }
     MessageBuffer message;
     va_list ap;
     va_start(ap, format);
@@ -169,7 +109,7 @@ extern "C" QDQ_API int AppMgrLogLine(const char *path, const char *format, ...) 
     // A thread cancelled inside would leave the lock held for ever.
     qdq::NoCancel no_cancel;
     pthread_mutex_lock(&log_mutex);
-    switch (append_line(path, message, length)) {
+    switch (append_line(file.c_str(), message, length)) {
         case Append::written: break;
         case Append::truncate_failed: std::puts("open log file failed!"); break;
         case Append::open_failed:
@@ -178,7 +118,11 @@ extern "C" QDQ_API int AppMgrLogLine(const char *path, const char *format, ...) 
             // opened the report is dropped.
             if (std::strcmp(path, qdq::kLogMain) != 0) {
                 static const char kFailed[] = "open log file failed!\n\n";
-                append_line(qdq::kLogMain, kFailed, sizeof kFailed - 1);
+                try {
+                    append_line(qdq::path(qdq::kLogMain).c_str(), kFailed, sizeof kFailed - 1);
+                } catch (const std::exception &) {
+                    // out of memory: the report is lost too
+                }
             }
             break;
     }
