@@ -75,9 +75,9 @@ TEST_F(LogTest, SizeLimitAtExactBoundary) {
     }
 }
 
-// The library keeps a log's descriptor between lines: a file removed,
-// renamed, replaced or emptied from outside must be followed on the very
-// next line, as if the file were opened for every line.
+// A file removed, renamed, replaced or emptied from outside is followed on
+// the very next line: no descriptor kept from an earlier line may write
+// into the old file or at its old offset.
 TEST_F(LogTest, FileChangedFromOutsideIsFollowedOnTheNextLine) {
     const std::string file = logfile("outside.txt"), moved = logfile("outside.old");
     struct Case {
