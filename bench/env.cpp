@@ -39,7 +39,10 @@ std::string machine_text() {
         }
     }
     char text[256];
-    std::snprintf(text, sizeof text, "load average %.14s, %u cores, %s", load.c_str(),
+    // The three averages, whatever their width (loads of 10 and more).
+    const size_t third = load.find(' ', load.find(' ', load.find(' ') + 1) + 1);
+    load = load.substr(0, third);
+    std::snprintf(text, sizeof text, "load average %s, %u cores, %s", load.c_str(),
                   std::thread::hardware_concurrency(), model.c_str());
     return text;
 }

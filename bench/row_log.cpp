@@ -1,7 +1,9 @@
-// Row 4: AppMgrLogLine (lock, open, size check, format, write, close per
-// line) against one write(2) of the same bytes to a file kept open, with one
-// and with four threads; and the open-per-line floor without the lock.
+// Row 4: AppMgrLogLine (format, lock, open with O_APPEND, fstat for the
+// size, one writev, close per line) against one write(2) of the same bytes
+// to a file kept open, with one and with four threads; and that mechanism's
+// floor (the same four calls, no lock, no formatting).
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -63,21 +65,19 @@ std::vector<Figure> log_rows(const Plan &plan) {
         out.push_back({"4", "AppMgrLogLine, " + std::to_string(threads) + (threads == 1 ? " thread" : " threads"),
                        "lines/s", r.first[0], r.second[0], true, "write(2) of the same line to an open file"});
     }
-    // The cost of opening and closing per line, which the library keeps by
-    // design (a file removed from outside is re-created on the next line).
+    // The floor of opening per line (a file removed from outside is
+    // re-created on the next line, and no descriptor is kept).
     auto r = alternate(
         plan.repeats,
         [&] {
             return Sample{rate(
                 [&] {
-                    FILE *fp = std::fopen(plain_path.c_str(), "ae");
-                    std::fseek(fp, 0, SEEK_END);
-                    if (std::ftell(fp) > (2 << 20)) {  // the same 2 MiB limit
-                        std::fclose(fp);
-                        fp = std::fopen(plain_path.c_str(), "we");
-                    }
-                    std::fputs(line.c_str(), fp);
-                    std::fclose(fp);
+                    int fd = open(plain_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+                    struct stat st;
+                    if (fd < 0 || fstat(fd, &st) != 0) std::abort();
+                    if (st.st_size >= (2 << 20) && ftruncate(fd, 0) != 0) std::abort();  // the same 2 MiB limit
+                    if (write(fd, line.data(), line.size()) < 0) std::abort();
+                    close(fd);
                 },
                 plan.window)};
         },
@@ -91,7 +91,7 @@ std::vector<Figure> log_rows(const Plan &plan) {
             close(fd);
             return Sample{r};
         });
-    out.push_back({"4", "fopen/fputs/fclose per line, no lock, no formatting (the design's floor)", "lines/s",
+    out.push_back({"4", "open/fstat/write/close per line, no lock, no formatting (the floor)", "lines/s",
                    r.first[0], r.second[0], true, "write(2) of the same line to an open file"});
     return out;
 }

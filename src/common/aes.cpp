@@ -6,6 +6,7 @@
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -78,25 +79,23 @@ extern "C" QDQ_API int ez_AES_ecb_encrypt_PKCS5Padding(const char *input, unsign
         std::fputs("Unable to set encryption key in AES\n", stderr);
         return -1;
     }
-    size_t length = std::strlen(input);
-    unsigned char block[kBlock];
-    // Whole blocks, then the 0..15 remaining bytes padded with their missing
-    // count; an exact multiple gets a whole block of 16s.
-    for (size_t done = 0;; done += kBlock) {
-        size_t left = length - done;
-        size_t take = left < static_cast<size_t>(kBlock) ? left : static_cast<size_t>(kBlock);
-        std::memcpy(block, input + done, take);
-        bool last = take < static_cast<size_t>(kBlock);
-        if (last) std::memset(block + take, static_cast<int>(kBlock - take), kBlock - take);
-        if (!ecb_block(ctx.get(), block, output + done)) {
-            OPENSSL_cleanse(block, sizeof block);
-            std::fputs("Unable to set encryption key in AES\n", stderr);
-            return -1;
-        }
-        *out_length += kBlock;
-        if (last) break;
+    const size_t length = std::strlen(input);
+    // The text and its padding (the 1..16 missing bytes, each of their
+    // count; an exact multiple gets a whole block of 16s) are laid out in
+    // `output` and encrypted there in place by one call: ECB blocks are
+    // independent, so the bytes are those of block-by-block encryption.
+    const size_t total = (length / kBlock + 1) * kBlock;
+    if (total > static_cast<size_t>(INT_MAX)) return -1;
+    std::memmove(output, input, length);
+    std::memset(output + length, static_cast<int>(total - length), total - length);
+    int n = 0;
+    if (EVP_CipherUpdate(ctx.get(), output, &n, output, static_cast<int>(total)) != 1 ||
+        static_cast<size_t>(n) != total) {
+        OPENSSL_cleanse(output, total);
+        std::fputs("Unable to set encryption key in AES\n", stderr);
+        return -1;
     }
-    OPENSSL_cleanse(block, sizeof block);
+    *out_length += static_cast<int>(total);
     // No "outlen=" diagnostic on standard output: a library does not own the
     // host's stdout, and strlen of ciphertext means nothing anyway.
     return 0;

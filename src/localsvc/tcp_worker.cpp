@@ -12,22 +12,39 @@
 
 namespace {
 
-// The worker's last steps, also when an eviction cancels it: leave the
-// table (before the socket is closed, so the number cannot be reused while
-// a slot still names it) and trace the close.
-class Finish {
+// Leaves the connection table once: as soon as the reply is ready (before
+// it is sent, so a client that has its answer and connects again never
+// finds its previous connection still holding a slot), or on any other way
+// out, also when an eviction cancels the worker. Always before the socket
+// is closed, so the number cannot be reused while a slot still names it.
+class Slot {
 public:
-    Finish(int plattype, int sock) : plattype_(plattype), sock_(sock) {}
-    ~Finish() {
-        if (plattype_ == QDQ_PLAT_LOCALTCP) qdq::release_local_connection(sock_);
-        AppMgrLogLine(qdq::kLogTrace, "%s line %d: tcp close sock_fd:%d\n", qdq::kLocalModule, __LINE__,
-                      sock_);
+    Slot(int plattype, int sock) : plattype_(plattype), sock_(sock) {}
+    ~Slot() { leave(); }
+    void leave() {
+        if (plattype_ == QDQ_PLAT_LOCALTCP && !left_) qdq::release_local_connection(sock_);
+        left_ = true;
     }
-    Finish(const Finish &) = delete;
-    Finish &operator=(const Finish &) = delete;
+    Slot(const Slot &) = delete;
+    Slot &operator=(const Slot &) = delete;
 
 private:
     int plattype_;
+    int sock_;
+    bool left_ = false;
+};
+
+// The close is traced last, also when an eviction cancels the worker.
+class TraceClose {
+public:
+    explicit TraceClose(int sock) : sock_(sock) {}
+    ~TraceClose() {
+        AppMgrLogLine(qdq::kLogTrace, "%s line %d: tcp close sock_fd:%d\n", qdq::kLocalModule, __LINE__, sock_);
+    }
+    TraceClose(const TraceClose &) = delete;
+    TraceClose &operator=(const TraceClose &) = delete;
+
+private:
     int sock_;
 };
 
@@ -48,8 +65,9 @@ int ProcessClientTcpRequest(char *arg) {
     if (arg == nullptr || std::sscanf(arg, "%d#%d", &plattype, &sock) != 2 || sock < 0) return -1;
     QDQ_LOG("buf:%s, start ProcessClientTcpRequest, plattype:%d\tsServer:%d\n", arg, plattype, sock);
 
-    qdq::Fd conn(sock);  // destroyed last: closed after Finish has run
-    Finish finish(plattype, sock);
+    qdq::Fd conn(sock);  // destroyed last: closed after the slot is left
+    TraceClose trace_close(sock);
+    Slot slot(plattype, sock);
     Received request;
     int len;
     {
@@ -57,6 +75,7 @@ int ProcessClientTcpRequest(char *arg) {
         len = HgTcpRcv(sock, &request.text);
     }
     if (len <= 0) {
+        slot.leave();
         AppMgrLogLine(qdq::kLogTrace, "%s line %d: sock_fd:%d recv error\n", qdq::kLocalModule, __LINE__, sock);
         return 0;
     }
@@ -65,6 +84,7 @@ int ProcessClientTcpRequest(char *arg) {
     char *raw = nullptr;
     const int ret = HGProcessPlatJsonMsg(request.text, &raw, &plattype);
     qdq::CText reply(raw);
+    slot.leave();
     if (ret != 0 && reply) {
         HgTcpSend(sock, reply.get());
         AppMgrLogLine(qdq::kLogTrace, "%s line %d: local port 18998 sock_fd %d HgTcpSend %s", qdq::kLocalModule,

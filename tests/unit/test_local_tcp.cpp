@@ -107,6 +107,28 @@ TEST(LocalTcp, SixthClientEvictsSlotZero) {
     EXPECT_TRUE(local::wait_until([&] { return net::open_fds() == fds; })) << net::open_fds() << " vs " << fds;
 }
 
+// A client that has its reply and connects again at once must find the
+// slot of its previous connection free: with four other clients holding
+// their connections, no round trip may evict one of them.
+TEST(LocalTcp, AnsweredConnectionHasLeftItsSlot) {
+    ensure_service();
+    std::vector<qdq::Fd> holders;
+    for (int i = 0; i < 4; ++i) {
+        holders.push_back(local::tcp_connect(service_port()));
+        ASSERT_TRUE(local::wait_until([&] { return qdq::local_tcp_state().connections == i + 1; }));
+    }
+    for (int round = 0; round < 30; ++round) {
+        qdq::Fd fd = local::tcp_connect(service_port());
+        const std::string req = net::frame(local::ping(round));
+        send(fd.get(), req.data(), req.size(), MSG_NOSIGNAL);
+        ASSERT_EQ(net::read_n(fd.get(), 4).size(), 4u);  // the reply has begun to arrive
+        ASSERT_EQ(qdq::local_tcp_state().connections, 4) << "round " << round;
+    }
+    for (const qdq::Fd &fd : holders) EXPECT_FALSE(net::wait_in(fd.get(), 0));
+    holders.clear();
+    EXPECT_TRUE(local::wait_until(idle));
+}
+
 TEST(LocalTcp, LocalabilityClosesEveryConnection) {
     ensure_service();
     cubeplatinfo.localability = 1;

@@ -1,7 +1,11 @@
-// The log line format, the size limit at its exact boundary, an unwritable
-// path that must not hang, and concurrent writers.
+// The log line format, the size limit at its exact boundary, files changed
+// from outside between lines, an unwritable path that must not hang, and
+// concurrent writers.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
 
 #include <cctype>
 #include <sstream>
@@ -67,6 +71,42 @@ TEST_F(LogTest, SizeLimitAtExactBoundary) {
         } else {
             EXPECT_EQ(text.substr(0, c.existing), std::string(c.existing, 'x'));
             EXPECT_EQ(text.substr(c.existing + 20), " : next\n");
+        }
+    }
+}
+
+// A file removed, renamed, replaced or emptied from outside is followed on
+// the very next line: no descriptor kept from an earlier line may write
+// into the old file or at its old offset.
+TEST_F(LogTest, FileChangedFromOutsideIsFollowedOnTheNextLine) {
+    const std::string file = logfile("outside.txt"), moved = logfile("outside.old");
+    struct Case {
+        const char *change;
+        void (*apply)(const std::string &file, const std::string &moved);
+        const char *moved_keeps;  // what the file moved away holds afterwards, if any
+    };
+    const Case cases[] = {
+        {"removed", [](const std::string &f, const std::string &) { ::remove(f.c_str()); }, nullptr},
+        {"renamed away", [](const std::string &f, const std::string &m) { ::rename(f.c_str(), m.c_str()); },
+         " : first\n"},
+        {"replaced", [](const std::string &f, const std::string &m) {
+             qdq_test::write_file(m, "");
+             ::rename(m.c_str(), f.c_str());
+         }, nullptr},
+        {"emptied", [](const std::string &f, const std::string &) { ::truncate(f.c_str(), 0); }, nullptr},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.change);
+        ::remove(file.c_str());
+        ::remove(moved.c_str());
+        AppMgrLogLine("/var/outside.txt", "first");
+        c.apply(file, moved);
+        AppMgrLogLine("/var/outside.txt", "second");
+        const std::string text = qdq_test::read_file(file);
+        EXPECT_TRUE(stamped(text)) << text;
+        EXPECT_EQ(text.substr(20), " : second\n");
+        if (c.moved_keeps != nullptr) {
+            EXPECT_EQ(qdq_test::read_file(moved).substr(20), c.moved_keeps);
         }
     }
 }
