@@ -7,12 +7,7 @@
 # Other arguments go to qdquick-bench (--rows 1,3,4 ...).
 set -eu
 cd "$(dirname "$0")/.."
-# The native build needs only the build dependencies; deps.sh (which also
-# installs the mipsel cross compiler) runs only when one of them is missing.
-if ! { command -v cmake && command -v g++ && [ -f /usr/include/cjson/cJSON.h ] &&
-       [ -f /usr/include/openssl/evp.h ]; } >/dev/null 2>&1; then
-  ./scripts/deps.sh
-fi
+./scripts/deps.sh   # idempotent: asks apt for nothing once all is there
 dir=build-bench
 cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQDQUICK_SANITIZE=OFF -DQDQUICK_BUILD_TESTS=OFF \
   -DQDQUICK_BENCH=ON >/dev/null
