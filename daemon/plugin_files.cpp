@@ -1,9 +1,13 @@
 #include "plugin_files.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <sstream>
 
 #include "common/paths.h"
 
@@ -48,9 +52,30 @@ std::string plugin_dir(const std::string &bundle) {
     return qdq::path("/qdconf/CPlugin/") + short_name(bundle) + "/";
 }
 
+bool read_descriptor_file(const std::string &path, std::string &text) {
+    // A plugin folder is written by packages: never follow a link out of it,
+    // never block on a FIFO, never read a device or an endless file.
+    constexpr off_t kCap = 64 * 1024;
+    const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return false;
+    struct stat st;
+    bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= kCap;
+    text.assign(ok ? static_cast<std::size_t>(st.st_size) : 0, '\0');
+    std::size_t done = 0;
+    while (ok && done < text.size()) {
+        const ssize_t n = read(fd, &text[done], text.size() - done);
+        if (n <= 0) break;
+        done += static_cast<std::size_t>(n);
+    }
+    close(fd);
+    text.resize(done);
+    return ok;
+}
+
 bool read_descriptor(const std::string &bundle, PluginDescriptor &out) {
-    std::ifstream in(plugin_dir(bundle) + "Info.plugin");
-    if (!in) return false;
+    std::string text;
+    if (!read_descriptor_file(plugin_dir(bundle) + "Info.plugin", text)) return false;
+    std::istringstream in(text);
     std::string line;
     while (std::getline(in, line)) {
         const auto colon = line.find(':');

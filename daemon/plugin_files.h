@@ -25,7 +25,11 @@ std::string short_name(const std::string &bundle);
 // "<root>/qdconf/CPlugin/<short>/".
 std::string plugin_dir(const std::string &bundle);
 
-// Reads plugin_dir(bundle) + "Info.plugin"; false when it is missing.
+// The text of a descriptor file at `path`: false unless it is a regular
+// file (no link followed) of at most 64 KiB.
+bool read_descriptor_file(const std::string &path, std::string &text);
+// Reads plugin_dir(bundle) + "Info.plugin"; false when it is missing or not
+// a small regular file.
 bool read_descriptor(const std::string &bundle, PluginDescriptor &out);
 
 }  // namespace qdd

@@ -79,8 +79,11 @@ std::map<std::string, std::string> installed_plugins() {
     std::map<std::string, std::string> out;
     std::error_code ec;
     for (const auto &entry : std::filesystem::directory_iterator(qdq::path("/qdconf/CPlugin"), ec)) {
-        if (!entry.is_directory(ec) || entry.is_symlink(ec)) continue;
-        std::ifstream in(entry.path() / "Info.plugin");
+        // Hidden names are the installer's work folders, never a plugin.
+        if (!entry.is_directory(ec) || entry.is_symlink(ec) || entry.path().filename().string()[0] == '.') continue;
+        std::string text;
+        if (!read_descriptor_file(entry.path() / "Info.plugin", text)) continue;
+        std::istringstream in(text);
         std::string line, name, version;
         while (std::getline(in, line)) {
             std::istringstream words(line);
