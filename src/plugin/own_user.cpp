@@ -87,10 +87,19 @@ bool lookup(const std::string &s, OwnUser &out) {
 
 }  // namespace
 
+// The mode of entry `name` of folder `at`, through a descriptor opened
+// without following a link: fchmodat's AT_SYMLINK_NOFOLLOW is refused by
+// some C libraries and emulators, and a link must never be followed.
+void chmod_entry(int at, const char *name, mode_t mode) {
+    qdq::Fd fd(openat(at, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat st;
+    if (fd && fstat(fd.get(), &st) == 0 && (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode))) fchmod(fd.get(), mode);
+}
+
 void make_executable(int mydir) {
     each_entry(mydir, [](int at, const char *name, const struct stat &st) {
         if (name[0] == '.' || !(S_ISREG(st.st_mode) || S_ISDIR(st.st_mode))) return;
-        fchmodat(at, name, (st.st_mode & 07777) | 0111, AT_SYMLINK_NOFOLLOW);
+        chmod_entry(at, name, (st.st_mode & 07777) | 0111);
     });
 }
 
@@ -116,10 +125,7 @@ bool prepare_own_user(const std::string &s, int mydir, OwnUser &out) {
     if (scratch) fchmod(scratch.get(), 0777);
     // The extra operand names an entry of MyPlugin (the described command
     // ran there); anything else, a link above all, is left alone.
-    struct stat st;
-    if (mydir >= 0 && fstatat(mydir, s.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
-        (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode)))
-        fchmodat(mydir, s.c_str(), 0777, AT_SYMLINK_NOFOLLOW);
+    if (mydir >= 0) chmod_entry(mydir, s.c_str(), 0777);
     return true;
 }
 
