@@ -1,15 +1,12 @@
 #include "plugin_files.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
 
 #include "common/paths.h"
+#include "common/small_file.h"
 
 namespace qdd {
 
@@ -53,23 +50,8 @@ std::string plugin_dir(const std::string &bundle) {
 }
 
 bool read_descriptor_file(const std::string &path, std::string &text) {
-    // A plugin folder is written by packages: never follow a link out of it,
-    // never block on a FIFO, never read a device or an endless file.
-    constexpr off_t kCap = 64 * 1024;
-    const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) return false;
-    struct stat st;
-    bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= kCap;
-    text.assign(ok ? static_cast<std::size_t>(st.st_size) : 0, '\0');
-    std::size_t done = 0;
-    while (ok && done < text.size()) {
-        const ssize_t n = read(fd, &text[done], text.size() - done);
-        if (n <= 0) break;
-        done += static_cast<std::size_t>(n);
-    }
-    close(fd);
-    text.resize(done);
-    return ok;
+    // A plugin folder is written by packages.
+    return qdq::read_small_file(path, 64 * 1024, text);
 }
 
 bool read_descriptor(const std::string &bundle, PluginDescriptor &out) {

@@ -1,14 +1,10 @@
 #include "plugin/descriptor.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cctype>
 #include <cstring>
 
 #include "common/log.h"
-#include "common/socket.h"
+#include "common/small_file.h"
 
 namespace qdq::plugin {
 
@@ -131,19 +127,8 @@ DescResult read_descriptor(std::FILE *in, cplugininstinfo &rec) {
 }
 
 DescResult read_descriptor_file(const std::string &path, cplugininstinfo &rec) {
-    // No link is followed and nothing can block: a FIFO, a device or a link
-    // to /dev/zero in a package must neither hang nor spin the install.
-    qdq::Fd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat st;
     std::string text;
-    bool ok = fd.valid() && fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode) &&
-              static_cast<unsigned long long>(st.st_size) <= kMaxDescriptor;
-    if (ok) {
-        text.resize(kMaxDescriptor + 1);
-        ssize_t n = read(fd.get(), &text[0], text.size());
-        ok = n >= 0 && static_cast<std::size_t>(n) <= kMaxDescriptor;
-        text.resize(ok ? static_cast<std::size_t>(n) : 0);
-    }
+    const bool ok = qdq::read_small_file(path, kMaxDescriptor, text);
     if (text.empty()) text = "\n";  // an empty descriptor reads as one without lines
     std::FILE *in = ok ? fmemopen(&text[0], text.size(), "r") : nullptr;
     if (in == nullptr) {
