@@ -1,11 +1,8 @@
 // HgCplugPushCheck: hands a final install status to the install-result push.
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "common/log.h"
-#include "common/thread.h"
-#include "jsonmsg/plugin_push.h"
+#include "plugin/install_push.h"
 
 namespace {
 struct FinalStatus {
@@ -26,15 +23,5 @@ extern "C" QDQ_API int HgCplugPushCheck(const char *name, const char *version, c
         if (std::strcmp(status, f.status) == 0) final = &f;
     if (final == nullptr) return -1;
 
-    auto *record = static_cast<pluginpushresult *>(std::calloc(1, sizeof(pluginpushresult)));
-    if (record == nullptr) return -1;
-    record->result = final->code;
-    std::snprintf(record->name, sizeof record->name, "%s", name != nullptr ? name : "");
-    std::snprintf(record->version, sizeof record->version, "%s", version != nullptr ? version : "");
-    std::snprintf(record->upgradeid, sizeof record->upgradeid, "%s", upgradeid);
-    // The push thread owns the record once it runs; if it never starts, the
-    // record is still ours to free.
-    int rc = qdq::start_worker(qdq::Work::push, HgProcessPlugPush, record);
-    if (rc != 0) std::free(record);
-    return rc;
+    return qdq::start_install_push(final->code, name, version, upgradeid);
 }

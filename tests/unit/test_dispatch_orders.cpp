@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "dispatch_helpers.h"
-#include "jsonmsg/plugin_push.h"
+#include "plugin/install_push.h"
 #include "jsonmsg/processjsonmsg.h"
 
 using dt::armed;
