@@ -2,7 +2,7 @@
 refused before anything starts, a taken local port named (fatal or
 degraded), one daemon per root, SIGHUP re-reading the file, a killed
 daemon reported as not running, and a prompt stop while its connects are
-still blocked."""
+still under way."""
 
 from __future__ import annotations
 
@@ -121,9 +121,14 @@ def test_one_daemon_per_root_and_a_killed_one_is_not_running(gateway):
         shown = cli_status(g, *extra)
         assert shown.returncode == 8 and "not running (stale status file)" in getattr(shown, stream)
     # The lock went with the process: a new daemon takes the root.
+    mark = len(g.daemon.text())
     g.start_daemon()
     eventually(lambda: g.status().get("pid") == g.daemon.popen.pid, 10, "the new daemon's status file")
+    # It stops promptly while its connects are under way.
+    eventually(lambda: "connecting the cube platform" in g.daemon.text()[mark:], 10, "a connect")
+    started = time.monotonic()
     assert g.daemon.stop() == 0
+    assert time.monotonic() - started < 6
     assert cli_status(g).returncode == 8 and "not running (stopped at" in cli_status(g).stdout
 
 
@@ -152,16 +157,8 @@ def test_sighup_applies_what_it_can_and_never_kills(gateway):
     with pytest.raises((ConnectionError, json.JSONDecodeError)):
         local_tcp({"RPCMethod": "ListPlugin", "ID": "refused"})
     assert "needs a restart to take effect: device.serial" in g.daemon.text()
-    assert g.daemon.stop() == 0
-
-
-def test_sigterm_while_platforms_do_not_answer(gateway):
-    gateway.start_daemon()  # no simulator: every connect waits for answers
-    gateway.daemon.wait_line("connecting the cube platform", 10)
-    time.sleep(0.5)
-    started = time.monotonic()
-    assert gateway.daemon.stop() == 0
-    assert time.monotonic() - started < 6
+    assert g.daemon.stop(signal.SIGINT) == 0
+    assert "SIGINT received: disconnecting the platforms" in g.daemon.text()
 
 
 def test_openwrt_package(tmp_path):
