@@ -15,7 +15,7 @@ from conftest import BUNDLE, answers_and_settles, eventually, local_tcp, local_u
 MANAGE = {"extra": {"Register": {"PluginServer": "${PLUGIN}"}}}
 
 
-def test_platform_killed_mid_session_and_restarted(gateway):
+def test_platform_killed_and_restarted_then_silent(gateway):
     g = gateway
     base = up(g)
     assert g.sim.stop(signal.SIGKILL) == -signal.SIGKILL
@@ -26,6 +26,19 @@ def test_platform_killed_mid_session_and_restarted(gateway):
     # session runs over UDP and goes on with its heartbeats.
     for platform, kind in (("plugin", "register"), ("plugin", "heartbeat"), ("manage", "heartbeat")):
         g.wait_for(platform, kind)
+    answers_and_settles(g, base)
+    # Then the platform takes each connection and never answers.
+    silent = ["silence"] * 4
+    since = g.sim.last_seq()
+    assert g.sim.control(cmd="script", script={"platforms": {
+        "manage": MANAGE, "plugin": {"answers": {"heartbeat": silent, "boot": silent}}}})["ok"]
+    # The unanswered heartbeat ends the channel; each new connection's Boot
+    # is taken and never answered, until the platform speaks again.
+    for _ in range(3):
+        since = g.sim.wait(60, platform="plugin", kind="boot", action="silence", since=since)["seq"]
+        assert local_tcp({"RPCMethod": "ListPlugin", "ID": "meanwhile"})["Result"] == 0
+    g.wait_for("plugin", "register", since)
+    g.wait_for("plugin", "heartbeat", since)
     answers_and_settles(g, base)
     assert g.daemon.stop() == 0
 
@@ -45,23 +58,6 @@ def test_cube_platform_refusing_the_first_connect(gateway):
     g.wait_for("manage", "heartbeat", registered)
     assert local_tcp({"RPCMethod": "ListPlugin", "ID": "after"})["Result"] == 0
     assert g.daemon.stop() == 0
-
-
-def test_platform_that_takes_the_connection_and_never_answers(gateway):
-    g = gateway
-    base = up(g)
-    silent = ["silence"] * 4
-    since = g.sim.last_seq()
-    assert g.sim.control(cmd="script", script={"platforms": {
-        "manage": MANAGE, "plugin": {"answers": {"heartbeat": silent, "boot": silent}}}})["ok"]
-    # The unanswered heartbeat ends the channel; each new connection's Boot
-    # is taken and never answered, until the platform speaks again.
-    for _ in range(3):
-        since = g.sim.wait(60, platform="plugin", kind="boot", action="silence", since=since)["seq"]
-        assert local_tcp({"RPCMethod": "ListPlugin", "ID": "meanwhile"})["Result"] == 0
-    g.wait_for("plugin", "register", since)
-    g.wait_for("plugin", "heartbeat", since)
-    answers_and_settles(g, base)
 
 
 def test_silent_services_while_the_logs_are_unwritable(gateway):
