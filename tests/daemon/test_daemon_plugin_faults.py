@@ -16,6 +16,7 @@ import subprocess
 import threading
 import time
 from pathlib import Path
+from typing import Iterator
 
 import pytest
 
@@ -47,39 +48,49 @@ def runs_cleanly(g, plugin_root: Path, tag: str) -> None:
     assert not list(plugin_root.glob("*/*.cpk*")), "a package file left behind"
 
 
+@contextlib.contextmanager
+def stalling_server(length: int, pieces: list[bytes]) -> Iterator[int]:
+    """An HTTP server for one download of `length` bytes that sends `pieces`,
+    5 a second, and then nothing while the block runs; yields its port."""
+    server = socket.create_server((HOST, 0))
+    release = threading.Event()
+
+    def serve() -> None:
+        conn, _ = server.accept()
+        with conn, contextlib.suppress(OSError):  # the download may be killed part-way
+            conn.recv(4096)
+            conn.sendall(b"HTTP/1.0 200 OK\r\nContent-Length: %d\r\n\r\n" % length)
+            for piece in pieces:
+                conn.sendall(piece)
+                time.sleep(0.2)
+            release.wait(60)
+
+    threading.Thread(target=serve, daemon=True).start()
+    try:
+        yield server.getsockname()[1]
+    finally:
+        release.set()
+        server.close()
+
+
 def test_slow_download_shows_progress_and_a_killed_one_fails(gateway):
     g = gateway
     base = up(g, "--no-install")
     data = PACKAGE.read_bytes()
-    server = socket.create_server((HOST, 0))
-    release = threading.Event()
-
-    def serve() -> None:  # half the package in 512-byte pieces, 5 a second, then nothing
-        conn, _ = server.accept()
-        with conn, contextlib.suppress(OSError):  # the download may be killed before the half
-            conn.recv(4096)
-            conn.sendall(b"HTTP/1.0 200 OK\r\nContent-Length: %d\r\n\r\n" % len(data))
-            for at in range(0, len(data) // 2, 512):
-                conn.sendall(data[at:at + 512])
-                time.sleep(0.2)
-            release.wait(60)
 
     def partial(plugins: list) -> dict | None:
         return next((p for p in plugins if p["Plugin_Name"] == BUNDLE and p["Status"] == "Downloading"
                      and 0 < p["Downloaded"] < len(data)), None)
 
-    threading.Thread(target=serve, daemon=True).start()
-    try:
-        install(g, f"http://{HOST}:{server.getsockname()[1]}/{PACKAGE.name}", "slow")
+    # Half the package in 512-byte pieces, then nothing.
+    with stalling_server(len(data), [data[at:at + 512] for at in range(0, len(data) // 2, 512)]) as port:
+        install(g, f"http://{HOST}:{port}/{PACKAGE.name}", "slow")
         shown = eventually(lambda: partial(g.status().get("plugins", [])), 30, "progress in the status file")
         assert shown["Plugin_size"] == len(data)
         listed = g.sim.push("plugin", 15, message={"RPCMethod": "ListPlugin"})["json"]["Plugin"]
         assert partial(listed) is not None, listed
         os.kill(eventually(lambda: find_process("wget", g.daemon.popen.pid), 30, "the download"), signal.SIGKILL)
         fails_with(g, "X_BROADCOM_COM_DnldFailed")
-    finally:
-        release.set()
-        server.close()
     text = g.daemon.text()
     # wget's output is in the library's log; no removal noise either.
     assert "Saving to" not in text and "rm: cannot remove" not in text, text[-2000:]
@@ -134,27 +145,13 @@ def test_restarts_take_over_or_restore_the_plugin_and_fail_a_cut_off_install(gat
     # the cut-off install is "install_failed" and left no half-installed
     # folder.
     g.wait_for("plugin", "heartbeat")
-    server = socket.create_server((HOST, 0))
-    release = threading.Event()
-
-    def serve() -> None:  # a download that never ends
-        conn, _ = server.accept()
-        with conn:
-            conn.recv(4096)
-            conn.sendall(b"HTTP/1.0 200 OK\r\nContent-Length: 100000\r\n\r\nx")
-            release.wait(60)
-
-    threading.Thread(target=serve, daemon=True).start()
-    try:
+    with stalling_server(100000, [b"x"]) as port:  # a download that never ends
         order = {"RPCMethod": "Install", "ID": "cut", "Plugin_Name": "com.qdquick.example.confined", "Version": "1.0",
-                 "Download_url": f"http://{HOST}:{server.getsockname()[1]}/confined-1.0.cpk", "OS": 0,
+                 "Download_url": f"http://{HOST}:{port}/confined-1.0.cpk", "OS": 0,
                  "upgrade_ID": "cut"}
         assert g.sim.push("plugin", 15, message=order)["json"]["Result"] == 0
         eventually(lambda: find_process("wget", g.daemon.popen.pid), 30, "the download to start")
         assert g.daemon.stop(signal.SIGTERM) == 0
-    finally:
-        release.set()
-        server.close()
     assert _comm(Path(f"/proc/{pid}")) == ""
     assert restart(g) == find_process("sampleplugin", g.daemon.popen.pid) != 0
 
