@@ -98,15 +98,20 @@ class Gateway:
                                                           "--packages", PACKAGES, "--install-delay", "1", *extra],
                        env=self.env)
 
+    def configure(self, **sections: object) -> None:
+        """The shipped configuration in this root, with `sections` merged in."""
+        config = json.loads((REPO / "daemon" / "qdquickd.json").read_text())
+        config.update(root=str(self.root), retry_seconds=20)
+        config["device"]["serial"] = SERIAL
+        for key, value in sections.items():
+            config[key] = {**config[key], **value} if isinstance(value, dict) else value
+        self.config_path.write_text(json.dumps(config))
+
     def start_daemon(self, command: list[str] | None = None) -> None:
-        """qdquickd (or `command`, which runs it) with the shipped default
-        configuration in this root."""
+        """qdquickd (or `command`, which runs it) with the configuration in
+        this root, the shipped one unless configure() wrote another."""
         if not self.config_path.exists():
-            config = json.loads((REPO / "daemon" / "qdquickd.json").read_text())
-            config["root"] = str(self.root)
-            config["device"]["serial"] = SERIAL
-            config["retry_seconds"] = 20
-            self.config_path.write_text(json.dumps(config))
+            self.configure()
         self.daemon = Child(command or [DAEMON, "-c", str(self.config_path)], self.tmp / "daemon.out", self.env)
 
     def status(self) -> dict:

@@ -2,7 +2,7 @@
 refused before anything starts, a taken local port named (fatal or
 degraded), one daemon per root, SIGHUP re-reading the file, a killed
 daemon reported as not running, and a prompt stop while its connects are
-still blocked."""
+still under way."""
 
 from __future__ import annotations
 
@@ -16,17 +16,7 @@ import time
 
 import pytest
 
-from conftest import CLI, DAEMON, REPO, SERIAL, eventually, local_tcp
-
-
-def configure(g, **sections) -> None:
-    """The shipped configuration in g's root, with `sections` merged in."""
-    config = json.loads((REPO / "daemon" / "qdquickd.json").read_text())
-    config.update(root=str(g.root), retry_seconds=20)
-    config["device"]["serial"] = SERIAL
-    for key, value in sections.items():
-        config[key] = {**config[key], **value} if isinstance(value, dict) else value
-    g.config_path.write_text(json.dumps(config))
+from conftest import CLI, DAEMON, REPO, eventually, local_tcp
 
 
 def tcp_answers() -> bool:
@@ -40,18 +30,16 @@ def cli_status(g, *extra: str) -> subprocess.CompletedProcess:
     return subprocess.run([CLI, "status", f"--root={g.root}", *extra], capture_output=True, text=True, timeout=10)
 
 
-# Every field's rule: test_config.cpp. Here the program's side: the exit
-# status, the file and the field named in one line, nothing started.
+# Every field's rule (types, duplicates, values, a top level that is no
+# object): test_config.cpp. Here the program's side: the exit status, the
+# file and the field named in one line, nothing started.
 @pytest.mark.parametrize("text, check, code, message", [
     ('{"platforms": {"manage": {"port": 70000}}}', False, 2, "platforms.manage.port"),
-    ("[1, 2]", False, 2, "not a JSON object"),
     ('{\n  "device": {\n    "serial": "A" "B"}}', True, 2, "line 3, column 19: JSON syntax error"),
-    ('{"retry_seconds": 5, "retry_seconds": 6}', True, 2, "retry_seconds: given twice"),
-    ('{"device": {"mac": "zz;rm -rf"}}', True, 2, "device.mac: must be 12 hex digits"),
     ('{"root": "/nonexistent/qdq"}', True, 2, "root /nonexistent/qdq does not exist"),
     ('{"root": "/nonexistent/qdq"}', False, 1, "root /nonexistent/qdq does not exist"),
     (None, False, 2, "cannot read"),  # no file at all
-], ids=["field", "not-object", "syntax", "duplicate", "mac", "root-check", "root-start", "missing"])
+], ids=["field", "syntax", "root-check", "root-start", "missing"])
 def test_bad_configuration_is_refused_in_one_line(tmp_path, text, check, code, message):
     root = tmp_path / "root"
     root.mkdir()
@@ -72,7 +60,7 @@ def test_bad_configuration_is_refused_in_one_line(tmp_path, text, check, code, m
 ])
 def test_taken_local_port_is_named_once(gateway, kind, port, on_failure, named):
     g = gateway
-    configure(g, services={"on_failure": on_failure})
+    g.configure(services={"on_failure": on_failure})
     with socket.socket(socket.AF_INET, kind) as taken:
         if kind == socket.SOCK_STREAM:
             # Earlier tests' connections may linger in TIME_WAIT; a listener
@@ -100,9 +88,9 @@ def test_taken_local_port_is_named_once(gateway, kind, port, on_failure, named):
         assert g.daemon.stop() == 0
 
 
-def test_one_daemon_per_root_and_a_killed_one_is_not_running(gateway):
+def test_one_daemon_per_root_a_killed_one_not_running_and_sighup(gateway):
     g = gateway
-    configure(g, retry_seconds=1)
+    g.configure(retry_seconds=1)
     g.start_daemon()  # no simulator: every connect fails
     failed = eventually(lambda: g.status().get("platforms", {}).get("cube", {}).get("last_failure"), 30,
                         "a failed cube connect in the status file")
@@ -121,17 +109,11 @@ def test_one_daemon_per_root_and_a_killed_one_is_not_running(gateway):
         shown = cli_status(g, *extra)
         assert shown.returncode == 8 and "not running (stale status file)" in getattr(shown, stream)
     # The lock went with the process: a new daemon takes the root.
+    mark = len(g.daemon.text())
     g.start_daemon()
     eventually(lambda: g.status().get("pid") == g.daemon.popen.pid, 10, "the new daemon's status file")
-    assert g.daemon.stop() == 0
-    assert cli_status(g).returncode == 8 and "not running (stopped at" in cli_status(g).stdout
-
-
-def test_sighup_applies_what_it_can_and_never_kills(gateway):
-    g = gateway
-    configure(g)
-    g.start_daemon()
     eventually(tcp_answers, 10, "the local TCP service")
+    # SIGHUP applies what it can and never kills.
     steps = [  # the file's new text, then the reload's record in the status file
         ({"local": {"refuse_tcp_clients": True}, "retry_seconds": 7, "device": {"serial": "OTHER"}},
          ("applied", ["device.serial"], {"retry_seconds", "local.refuse_tcp_clients"})),
@@ -139,7 +121,7 @@ def test_sighup_applies_what_it_can_and_never_kills(gateway):
     ]
     for change, (result, restart, applied) in steps:
         if isinstance(change, dict):
-            configure(g, **change)
+            g.configure(**change)
         else:
             g.config_path.write_text(change)
         g.daemon.popen.send_signal(signal.SIGHUP)
@@ -151,17 +133,14 @@ def test_sighup_applies_what_it_can_and_never_kills(gateway):
     # Applied for real: the local TCP service now closes every connection.
     with pytest.raises((ConnectionError, json.JSONDecodeError)):
         local_tcp({"RPCMethod": "ListPlugin", "ID": "refused"})
-    assert "needs a restart to take effect: device.serial" in g.daemon.text()
-    assert g.daemon.stop() == 0
-
-
-def test_sigterm_while_platforms_do_not_answer(gateway):
-    gateway.start_daemon()  # no simulator: every connect waits for answers
-    gateway.daemon.wait_line("connecting the cube platform", 10)
-    time.sleep(0.5)
+    assert "needs a restart to take effect: device.serial" in g.daemon.text()[mark:]
+    # SIGINT stops it promptly while its connects are under way.
+    eventually(lambda: "connecting the cube platform" in g.daemon.text()[mark:], 10, "a connect")
     started = time.monotonic()
-    assert gateway.daemon.stop() == 0
+    assert g.daemon.stop(signal.SIGINT) == 0
     assert time.monotonic() - started < 6
+    assert "SIGINT received: disconnecting the platforms" in g.daemon.text()
+    assert cli_status(g).returncode == 8 and "not running (stopped at" in cli_status(g).stdout
 
 
 def test_openwrt_package(tmp_path):

@@ -1,11 +1,12 @@
 """Plugin installs that fail half-way end with a clear status; the next
 install into the same directory gives a plugin that runs, with no package
 file left behind, and threads and descriptors come back to their baseline.
-A slow download shows its progress; a restart brings back what was installed
-and running."""
+A slow download shows its progress; a restart takes over or brings back
+what was installed and running."""
 
 from __future__ import annotations
 
+import contextlib
 import json
 import os
 import re
@@ -15,6 +16,7 @@ import subprocess
 import threading
 import time
 from pathlib import Path
+from typing import Iterator
 
 import pytest
 
@@ -46,68 +48,54 @@ def runs_cleanly(g, plugin_root: Path, tag: str) -> None:
     assert not list(plugin_root.glob("*/*.cpk*")), "a package file left behind"
 
 
-def test_download_killed_midway(gateway):
-    g = gateway
-    base = up(g, "--no-install")
-    # A server that sends half the package and then nothing.
+@contextlib.contextmanager
+def stalling_server(length: int, pieces: list[bytes]) -> Iterator[int]:
+    """An HTTP server for one download of `length` bytes that sends `pieces`,
+    5 a second, and then nothing while the block runs; yields its port."""
     server = socket.create_server((HOST, 0))
     release = threading.Event()
 
     def serve() -> None:
         conn, _ = server.accept()
-        with conn:
+        with conn, contextlib.suppress(OSError):  # the download may be killed part-way
             conn.recv(4096)
-            data = PACKAGE.read_bytes()
-            conn.sendall(b"HTTP/1.0 200 OK\r\nContent-Length: %d\r\n\r\n" % len(data) + data[:len(data) // 2])
+            conn.sendall(b"HTTP/1.0 200 OK\r\nContent-Length: %d\r\n\r\n" % length)
+            for piece in pieces:
+                conn.sendall(piece)
+                time.sleep(0.2)
             release.wait(60)
 
     threading.Thread(target=serve, daemon=True).start()
     try:
-        install(g, f"http://{HOST}:{server.getsockname()[1]}/{PACKAGE.name}", "slow")
-        pid = eventually(lambda: find_process("wget", g.daemon.popen.pid), 30, "the download to start")
-        os.kill(pid, signal.SIGKILL)
-        fails_with(g, "X_BROADCOM_COM_DnldFailed")
+        yield server.getsockname()[1]
     finally:
         release.set()
         server.close()
-    runs_cleanly(g, g.root / "qdconf" / "CPlugin", "again")
-    answers_and_settles(g, base)
 
 
-def test_slow_download_shows_progress(gateway):
+def test_slow_download_shows_progress_and_a_killed_one_fails(gateway):
     g = gateway
     base = up(g, "--no-install")
     data = PACKAGE.read_bytes()
-    server = socket.create_server((HOST, 0))
 
-    def serve() -> None:  # the package in 512-byte pieces, 5 a second
-        conn, _ = server.accept()
-        with conn:
-            conn.recv(4096)
-            conn.sendall(b"HTTP/1.0 200 OK\r\nContent-Length: %d\r\n\r\n" % len(data))
-            for at in range(0, len(data), 512):
-                conn.sendall(data[at:at + 512])
-                time.sleep(0.2)
+    def partial(plugins: list) -> dict | None:
+        return next((p for p in plugins if p["Plugin_Name"] == BUNDLE and p["Status"] == "Downloading"
+                     and 0 < p["Downloaded"] < len(data)), None)
 
-    threading.Thread(target=serve, daemon=True).start()
-    try:
-        install(g, f"http://{HOST}:{server.getsockname()[1]}/{PACKAGE.name}", "slow")
-
-        def partial(plugins: list) -> dict | None:
-            return next((p for p in plugins if p["Plugin_Name"] == BUNDLE and p["Status"] == "Downloading"
-                         and 0 < p["Downloaded"] < len(data)), None)
-
+    # Half the package in 512-byte pieces, then nothing.
+    with stalling_server(len(data), [data[at:at + 512] for at in range(0, len(data) // 2, 512)]) as port:
+        install(g, f"http://{HOST}:{port}/{PACKAGE.name}", "slow")
         shown = eventually(lambda: partial(g.status().get("plugins", [])), 30, "progress in the status file")
         assert shown["Plugin_size"] == len(data)
         listed = g.sim.push("plugin", 15, message={"RPCMethod": "ListPlugin"})["json"]["Plugin"]
         assert partial(listed) is not None, listed
-        g.daemon.wait_line(rf"plugin {BUNDLE} 1\.0 is running", 60)
-    finally:
-        server.close()
+        os.kill(eventually(lambda: find_process("wget", g.daemon.popen.pid), 30, "the download"), signal.SIGKILL)
+        fails_with(g, "X_BROADCOM_COM_DnldFailed")
     text = g.daemon.text()
     # wget's output is in the library's log; no removal noise either.
     assert "Saving to" not in text and "rm: cannot remove" not in text, text[-2000:]
     assert text.count(f"plugin {BUNDLE} 1.0: Downloading") == 1
+    runs_cleanly(g, g.root / "qdconf" / "CPlugin", "again")
     answers_and_settles(g, base)
 
 
@@ -131,42 +119,41 @@ def test_plugin_directory_full(gateway):
     answers_and_settles(g, base)
 
 
-def test_restart_runs_installed_plugins_and_fails_a_cut_off_install(gateway):
-    """Install, SIGTERM while a second install downloads, start again without
-    any platform order: the plugin is listed and running, the cut-off install
-    is "install_failed" and left no half-installed folder."""
+def restart(g) -> int:
+    """The daemon started again, beside a simulator that orders nothing:
+    the pid of the plugin it reports running."""
+    g.sim.stop()
+    g.start_sim("--no-install")
+    mark = len(g.daemon.text())  # the output file goes on after the last run's
+    g.start_daemon()
+    return int(eventually(lambda: re.search(r"is running: sampleplugin, pid (\d+)", g.daemon.text()[mark:]), 30,
+                          "the plugin running again")[1])
+
+
+def test_restarts_take_over_or_restore_the_plugin_and_fail_a_cut_off_install(gateway):
     g = gateway
     up(g)
-    before = find_process("sampleplugin", g.daemon.popen.pid)
-    server = socket.create_server((HOST, 0))
-    release = threading.Event()
-
-    def serve() -> None:  # a download that never ends
-        conn, _ = server.accept()
-        with conn:
-            conn.recv(4096)
-            conn.sendall(b"HTTP/1.0 200 OK\r\nContent-Length: 100000\r\n\r\nx")
-            release.wait(60)
-
-    threading.Thread(target=serve, daemon=True).start()
-    try:
+    pid = find_process("sampleplugin", g.daemon.popen.pid)
+    # Killed with SIGKILL, the daemon leaves its plugin running; started
+    # again, it takes that plugin over instead of starting a second copy.
+    g.daemon.stop(signal.SIGKILL)
+    assert restart(g) == pid
+    copies = [p for p in Path("/proc").iterdir() if p.name.isdigit() and _comm(p) == "sampleplugin"]
+    assert len(copies) == 1, copies
+    # SIGTERM while a second install downloads stops the plugin; started
+    # again without any platform order, the plugin is listed and running,
+    # the cut-off install is "install_failed" and left no half-installed
+    # folder.
+    g.wait_for("plugin", "heartbeat")
+    with stalling_server(100000, [b"x"]) as port:  # a download that never ends
         order = {"RPCMethod": "Install", "ID": "cut", "Plugin_Name": "com.qdquick.example.confined", "Version": "1.0",
-                 "Download_url": f"http://{HOST}:{server.getsockname()[1]}/confined-1.0.cpk", "OS": 0,
+                 "Download_url": f"http://{HOST}:{port}/confined-1.0.cpk", "OS": 0,
                  "upgrade_ID": "cut"}
         assert g.sim.push("plugin", 15, message=order)["json"]["Result"] == 0
         eventually(lambda: find_process("wget", g.daemon.popen.pid), 30, "the download to start")
         assert g.daemon.stop(signal.SIGTERM) == 0
-    finally:
-        release.set()
-        server.close()
-    assert not Path(f"/proc/{before}/cmdline").exists() or not Path(f"/proc/{before}/cmdline").read_bytes()
-    g.sim.stop()
-    g.start_sim("--no-install")
-    mark = len(g.daemon.text())  # the output file goes on after the first run's
-    g.start_daemon()
-    running = eventually(lambda: re.search(rf"plugin {BUNDLE} 1\.0 is running: sampleplugin, pid (\d+)",
-                                           g.daemon.text()[mark:]), 30, "the plugin started again")
-    assert int(running[1]) == find_process("sampleplugin", g.daemon.popen.pid) != 0
+    assert _comm(Path(f"/proc/{pid}")) == ""
+    assert restart(g) == find_process("sampleplugin", g.daemon.popen.pid) != 0
 
     def listed_now() -> list | None:  # the local port opens a moment after the restore
         try:
@@ -178,26 +165,6 @@ def test_restart_runs_installed_plugins_and_fails_a_cut_off_install(gateway):
     assert {p["Plugin_Name"]: p["Status"] for p in listed} == \
         {BUNDLE: "Active", "com.qdquick.example.confined": "install_failed"}
     assert not (g.root / "qdconf" / "CPlugin" / "confined").exists()
-
-
-def test_killed_daemon_keeps_its_running_plugin_once(gateway):
-    """A daemon killed with SIGKILL leaves its plugin running; started again,
-    it takes that plugin over instead of starting a second copy."""
-    g = gateway
-    up(g)
-    pid = find_process("sampleplugin", g.daemon.popen.pid)
-    g.daemon.stop(signal.SIGKILL)
-    g.sim.stop()
-    g.start_sim("--no-install")
-    mark = len(g.daemon.text())
-    g.start_daemon()
-    running = eventually(lambda: re.search(r"is running: sampleplugin, pid (\d+)", g.daemon.text()[mark:]), 30,
-                         "the plugin taken over")
-    assert int(running[1]) == pid
-    copies = [p for p in Path("/proc").iterdir() if p.name.isdigit() and _comm(p) == "sampleplugin"]
-    assert len(copies) == 1, copies
-    assert g.daemon.stop(signal.SIGTERM) == 0
-    assert _comm(Path(f"/proc/{pid}")) == ""
 
 
 def _comm(proc: Path) -> str:

@@ -1,8 +1,6 @@
-"""The cube platform and the manage platform's disconnect."""
+"""The cube platform."""
 
 from __future__ import annotations
-
-import time
 
 import pytest
 
@@ -54,20 +52,3 @@ def test_cube_registered_over_tcp_leaves_its_reconnect_to_the_host(make_sim, mak
                what="the cube connection to close")
     timer = host.wait_event(event="timer", id=8, timeout=scaled(1800, scale) + 10)
     assert timer["t"] - done["t"] >= scaled(1800, scale) - TICK and timer["period"] == 1800
-
-
-def test_manage_disconnect_reconnects_after_5s(make_sim, make_host):
-    sim = make_sim()
-    host = make_host("--manage-addr", HOST, "--manage-port", str(sim.ports["manage"]), "--connect", "manage")
-    host.wait_event(event="connect_return", plat=2, ret=1)
-    last = sim.records()[-1]["seq"]
-    start = time.time()
-    assert host.command("disconnect 2", "disconnect_return")["ret"] == 0
-    rec = host.record("manage")
-    assert (rec["status"], rec["regflag"], rec["heartbeatip"], rec["interval"], rec["mgturl"], rec["socketfd"]) == \
-        ("disconnect", 0, "", 0, HOST, -1)
-    # The local request service on the manage port ends with the session.
-    eventually(lambda: host.sockets() == 0, scaled(4), "the local service to end")
-    boot = sim.wait(platform="manage", kind="boot", since=last, timeout=10)
-    assert boot["time"] - start >= scaled(5) - TICK
-    eventually(lambda: host.statuses("manage").count("connected") >= 2, what="connected again")

@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import time
+
 import pytest
 
 from conftest import HOST, IN_NETNS, MULTI, TICK, eventually, scaled
@@ -118,7 +120,7 @@ def test_plugin_server_in_register_reply_connects_the_plugin_platform(make_sim, 
     assert host.record("plugin")["port"] == sim.ports["plugin"]
 
 
-def test_register_redirect_is_written_once(make_sim, make_host):
+def test_register_redirect_is_written_once_and_a_disconnect_reconnects_after_5s(make_sim, make_host):
     # The first platform sends the gateway to the second, which names itself.
     redirect = {"Result": 2, "ServerAddr": HOST, "ServerPort": "${MANAGE_PORT}"}
     second = make_sim({"platforms": {"manage": {"answers": {"Register": [redirect]}}}})
@@ -129,10 +131,18 @@ def test_register_redirect_is_written_once(make_sim, make_host):
     conf = host.root / "etc/config/system/quickconf.conf"
     assert conf.read_text() == f"manageplatport={second.ports['manage']}\n"  # the address is the same
     written = conf.stat()
-    # Reconnected (5 s after a disconnect), the same redirect changes nothing.
-    host.command("disconnect 2", "disconnect_return")
-    second.wait(platform="manage", kind="register", timeout=10)
-    eventually(lambda: host.statuses("manage").count("connected") == 2, what="connected to the second platform")
+    eventually(lambda: "connected" in host.statuses("manage"), what="connected to the second platform")
+    last, start = second.last_seq(), time.time()
+    assert host.command("disconnect 2", "disconnect_return")["ret"] == 0
+    rec = host.record("manage")
+    assert (rec["status"], rec["regflag"], rec["heartbeatip"], rec["interval"], rec["mgturl"], rec["socketfd"]) == \
+        ("disconnect", 0, "", 0, HOST, -1)
+    # The local request service on the manage port ends with the session.
+    eventually(lambda: host.sockets() == 0, scaled(4), "the local service to end")
+    # Reconnected 5 s later; the redirect is not written again.
+    boot = second.wait(platform="manage", kind="boot", since=last, timeout=10)
+    assert boot["time"] - start >= scaled(5) - TICK
+    eventually(lambda: host.statuses("manage").count("connected") == 2, what="connected again")
     assert (conf.stat().st_ino, conf.stat().st_mtime_ns) == (written.st_ino, written.st_mtime_ns)
 
 
