@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "common/cancel.h"
 #include "common/json.h"
 #include "common/log.h"
 #include "common/socket.h"

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "common/log.h"
+#include "common/thread.h"
 #include "common/udp_listeners.h"
 #include "platintf/reply_process.h"
 #include "platintf/session.h"

@@ -10,6 +10,7 @@
 #include "common/clock.h"
 #include "common/log.h"
 #include "common/socket.h"
+#include "common/thread.h"
 #include "common/udp_listeners.h"
 #include "platintf/hgprocessplatintf.h"
 #include "platintf/session.h"
