@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "common/cancel.h"
+#include "common/fd_slots.h"
 #include "common/json.h"
 #include "common/log.h"
 #include "common/socket.h"

@@ -19,12 +19,12 @@
 #include <cstring>
 
 #include "common/cancel.h"
+#include "common/fd_slots.h"
 #include "common/json.h"
 #include "common/log.h"
 #include "common/mutex.h"
 #include "common/socket.h"
 #include "common/thread.h"
-#include "common/udp_listeners.h"
 #include "platintf/hgprocessplatintf.h"
 #include "platintf/reply_process.h"
 #include "platintf/session.h"
