@@ -12,8 +12,8 @@
 
 namespace qdq {
 
-// A pthread mutex the thread-safety analysis can name. It has the size and
-// layout of a pthread_mutex_t, so an exported lock keeps its symbol's shape.
+// A pthread mutex the thread-safety analysis can name (clang cannot attach a
+// capability to pthread_mutex_t itself); same size and layout underneath.
 class QDQ_CAPABILITY("mutex") Mutex {
 public:
     constexpr Mutex() = default;
