@@ -9,7 +9,7 @@
 #include <mutex>
 
 #include "adapter_io.h"
-#include "common/thread.h"
+#include "common/cancel.h"
 
 namespace qdp {
 namespace {

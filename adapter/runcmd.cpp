@@ -18,7 +18,7 @@
 
 #include "adapter_io.h"
 #include "common/paths.h"
-#include "common/thread.h"
+#include "common/cancel.h"
 #include "qdquick/qdplatform.h"
 
 namespace {

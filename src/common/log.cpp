@@ -25,7 +25,7 @@
 #include <string>
 
 #include "common/paths.h"
-#include "common/thread.h"
+#include "common/cancel.h"
 
 extern "C" {
 QDQ_API int gQuickLogSize = 2048;

@@ -8,6 +8,7 @@
 
 #include <sched.h>
 
+#include "common/cancel.h"
 #include "common/log.h"
 
 // GCC names its sanitizers with macros, clang with __has_feature.

@@ -61,20 +61,8 @@ int queue_depth(Work kind);
 // Work of `kind` waiting in its queue.
 int queued_work(Work kind);
 
-// Disables cancellation for its scope, so that a lock or descriptor taken
-// inside can never be abandoned by a cancellation.
-class NoCancel {
-public:
-    NoCancel() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old_); }
-    ~NoCancel() {
-        int ignored;
-        pthread_setcancelstate(old_, &ignored);
-    }
-    NoCancel(const NoCancel &) = delete;
-    NoCancel &operator=(const NoCancel &) = delete;
-
-private:
-    int old_ = PTHREAD_CANCEL_ENABLE;
-};
+// A thread id as a number for log lines (pthread_t is an integer or a
+// pointer, depending on the C library).
+inline unsigned long thread_number(pthread_t t) { return (unsigned long)t; }
 
 }  // namespace qdq

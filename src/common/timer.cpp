@@ -6,10 +6,10 @@
 
 #include "common/log.h"
 
-AppTimerEntry g_timer[qdq::kTimerCount];
 // Statically initialised: AppInitTimerModule may run while the tick thread
 // exists, and re-initialising a mutex another thread may hold is undefined.
-pthread_mutex_t timerlock = PTHREAD_MUTEX_INITIALIZER;
+qdq::Mutex timerlock;
+AppTimerEntry g_timer[qdq::kTimerCount];
 int CurTimerNum = 0;
 std::atomic<int> timerflag{0};
 
@@ -25,7 +25,7 @@ int timer_index(int timerid) {
 
 // Empties the table. The count and the tick thread are left as they are.
 extern "C" QDQ_API int AppInitTimerModule(void) {
-    qdq::TimerGuard guard;
+    qdq::MutexLock guard(timerlock);
     std::fill(std::begin(g_timer), std::end(g_timer), AppTimerEntry{});
     return 0;
 }
@@ -44,7 +44,7 @@ extern "C" QDQ_API int AppTimerCreate(int seconds, int timerid, int multtimes,
     }
     int index = -1, total = 0, count = 0;
     {
-        qdq::TimerGuard guard;
+        qdq::MutexLock guard(timerlock);
         index = qdq::timer_index(timerid);
         const bool fresh = index < 0;
         if (!fresh) {
@@ -86,7 +86,7 @@ extern "C" QDQ_API int AppTimerDestory(int timerid) {
     if (timerid == 0) return 0;
     int index = -1, count = 0;
     {
-        qdq::TimerGuard guard;
+        qdq::MutexLock guard(timerlock);
         count = CurTimerNum;
         if (count != 0) {
             index = qdq::timer_index(timerid);
@@ -108,7 +108,7 @@ extern "C" QDQ_API int AppTimerDestory(int timerid) {
 int qdq::timer_arm_within(int seconds, int timerid, AppTimerCallback callback) {
     const int rc = AppTimerCreate(seconds, timerid, 0, callback);
     if (rc != 0) return rc;
-    qdq::TimerGuard guard;
+    qdq::MutexLock guard(timerlock);
     const int index = qdq::timer_index(timerid);
     if (index >= 0 && g_timer[index].left_time > seconds) {
         QDQ_LOG("timer %d: %d s left, due in %d s now", timerid, g_timer[index].left_time, seconds);

@@ -7,7 +7,7 @@
 
 #include <atomic>
 
-#include "common/thread.h"
+#include "common/mutex.h"
 #include "qdquick/qdquick.h"
 
 namespace qdq {
@@ -27,30 +27,18 @@ struct AppTimerEntry {
     AppTimerCallback callback;
 };
 
-// The table and its count, guarded by timerlock.
-extern AppTimerEntry g_timer[qdq::kTimerCount];
-extern pthread_mutex_t timerlock;
-extern int CurTimerNum;
+// The table and its count, guarded by timerlock (held through
+// qdq::MutexLock, so that a cancelled caller never leaves it locked).
+extern qdq::Mutex timerlock;
+extern AppTimerEntry g_timer[qdq::kTimerCount] QDQ_GUARDED_BY(timerlock);
+extern int CurTimerNum QDQ_GUARDED_BY(timerlock);
 // 1 once the tick thread has been started.
 extern std::atomic<int> timerflag;
 
 namespace qdq {
 
-// Holds timerlock for its scope; cancellation stays off meanwhile, so a
-// cancelled caller can never leave the table locked.
-class TimerGuard {
-public:
-    TimerGuard() { pthread_mutex_lock(&timerlock); }
-    ~TimerGuard() { pthread_mutex_unlock(&timerlock); }
-    TimerGuard(const TimerGuard &) = delete;
-    TimerGuard &operator=(const TimerGuard &) = delete;
-
-private:
-    NoCancel no_cancel_;  // constructed before the lock, released after it
-};
-
 // Index of the entry holding `timerid`, or -1. Needs timerlock.
-int timer_index(int timerid);
+int timer_index(int timerid) QDQ_REQUIRES(timerlock);
 
 // Arms `timerid` to fire within `seconds`: like AppTimerCreate, except that
 // a running countdown longer than that is cut short. For "do this soon"

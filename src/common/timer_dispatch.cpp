@@ -49,7 +49,7 @@ void host_timer_event(int timerid) {
     }
     int period = 0, multtimes = 0;
     {
-        qdq::TimerGuard guard;
+        qdq::MutexLock guard(timerlock);
         int index = qdq::timer_index(timerid);
         if (index >= 0) {
             period = g_timer[index].total_time;

@@ -47,7 +47,7 @@ void *expiry_worker(void *arg) {
     if (e->callback != nullptr) e->callback(e->id);
     int multtimes = 0, left = 0;
     {
-        qdq::TimerGuard guard;
+        qdq::MutexLock guard(timerlock);
         AppTimerEntry &t = g_timer[e->index];
         if (t.status != 0 && t.func == e->id) {
             // A repeating timer's period counts from the end of its callback.
@@ -62,7 +62,7 @@ void *expiry_worker(void *arg) {
 }
 
 void count_down() {
-    qdq::TimerGuard guard;
+    qdq::MutexLock guard(timerlock);
     for (int i = 0; i < qdq::kTimerCount; ++i) {
         AppTimerEntry &t = g_timer[i];
         // A negative period never fires (and never wraps).

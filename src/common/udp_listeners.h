@@ -13,13 +13,17 @@
 // disconnect closes the manage service's socket), so the registry's lock
 // covers both the send and the close: a send never reaches a closed or
 // reused descriptor number. Session sockets held in a platform record are
-// closed and duplicated under the same lock for the same reason.
+// closed and duplicated under the same lock for the same reason
+// (common/fd_slots.h).
 #pragma once
 
 #include <sys/socket.h>
 #include <sys/types.h>
 
 #include <cstddef>
+
+#include "common/mutex.h"
+#include "common/thread_safety.h"
 
 namespace qdq {
 
@@ -42,37 +46,22 @@ bool listener_alive(unsigned long id);
 // ours, and may already name another descriptor).
 bool close_listener(unsigned long id, int *slot = nullptr);
 
-// Closes `fd` (any descriptor; if it is a listener, it is forgotten first),
-// with `shut_down` shutting it down before the close.
-void close_descriptor(int fd, bool shut_down = false);
-
-// Takes the descriptor out of `*slot` (storing -1) and closes it as
-// close_descriptor does, both under the registry's lock. A slot holding 0
-// or less is only set to -1 (0 is what a cleared record holds).
-void close_slot(int *slot, bool shut_down = false);
-
-// Takes the descriptor out of `*slot` (storing -1) and closes it, unless it
-// is a recorded listener: that one stays with its service, which goes on.
-void release_slot(int *slot, bool shut_down = false);
-
-// Stores `fd` in `*slot` when the slot holds no descriptor (0 or less);
-// false, storing nothing, when it holds one.
-bool install_slot(int *slot, int fd);
-
-// Closes the descriptor in `*slot` (storing -1) when it is the same socket
-// as `fd` (a duplicate of it); false, changing nothing, when the slot holds
-// another one or none.
-bool close_slot_if_same(int *slot, int fd);
-
-// A close-on-exec duplicate of the descriptor in `*slot`, taken under the
-// same lock, or -1. The duplicate stays the same connection however the
-// slot is closed meanwhile: a send on it can never reach a reused number.
-int duplicate_slot(const int *slot);
-
 // Sends `len` bytes to `to` from the socket listening on `port`. Returns
 // the bytes sent, or -1 with errno ENOENT when no socket listens there
 // (or the errno of the send).
 ssize_t send_from_listener(unsigned port, const void *data, std::size_t len, const struct sockaddr *to,
                            socklen_t tolen);
+
+// The one lock of the listeners and the session slots: a leaf lock,
+// nothing else is taken or logged under it.
+extern Mutex descriptor_mutex;
+
+// True when `fd` is a recorded listener.
+bool is_listener(int fd) QDQ_REQUIRES(descriptor_mutex);
+
+// Closes `fd`, with `shut_down` shutting it down first. A listener is
+// forgotten first and always shut down: its service waits on the number
+// and must wake to see that it is gone.
+void close_locked(int fd, bool shut_down) QDQ_REQUIRES(descriptor_mutex);
 
 }  // namespace qdq

@@ -2,10 +2,10 @@
 // platform acknowledges it (its "Result" 1 or -1 reaches the dispatcher).
 #include <cstring>
 
+#include "common/fd_slots.h"
 #include "common/json.h"
 #include "common/log.h"
 #include "common/socket.h"
-#include "common/udp_listeners.h"
 #include "jsonmsg/processjsonmsg.h"
 #include "platintf/hgprocessplatintf.h"
 #include "platintf/session.h"

@@ -16,7 +16,7 @@
 #include "common/log.h"
 #include "common/paths.h"
 #include "common/socket.h"
-#include "common/thread.h"
+#include "common/cancel.h"
 #include "localsvc/callbacks.h"
 #include "localsvc/quickinstall.h"
 

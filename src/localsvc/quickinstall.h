@@ -18,21 +18,6 @@ inline constexpr unsigned kLocalUdpPort = 18401;
 inline constexpr unsigned kQuickPort = 7998;
 inline constexpr int kLocalTcpSlots = 5;
 
-// Deferred cancellation for the scope of one blocking call (accept, poll,
-// recv): the service threads run with cancellation disabled everywhere
-// else, so they are never cancelled while holding a lock or halfway through
-// an update of shared state.
-class CancelWindow {
-public:
-    CancelWindow() {
-        pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
-        pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
-    }
-    ~CancelWindow() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); }
-    CancelWindow(const CancelWindow &) = delete;
-    CancelWindow &operator=(const CancelWindow &) = delete;
-};
-
 // Opens `port` of `proto` ("udp" or "tcp") at the head of the INPUT chain:
 // deletes an earlier copy of the rule, then inserts it. Runs iptables with
 // an argument vector (no shell).

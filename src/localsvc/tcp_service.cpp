@@ -13,6 +13,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "common/cancel.h"
 #include "common/clock.h"
 #include "common/log.h"
 #include "common/socket.h"
@@ -27,8 +28,6 @@ bool running = false;
 pthread_t localtcptid{};
 int locallisten = -1;
 unsigned long generation = 0;  // counts service ends, for waiting stops
-
-unsigned long tid_text(pthread_t t) { return static_cast<unsigned long>(t); }
 
 // Lock held. Cancels the running service and waits until it has ended.
 void stop_locked(std::unique_lock<std::mutex> &lock) {
@@ -158,7 +157,7 @@ int StartProcessTcpRequest(int *plattype) {
     const unsigned port = cubeplatinfo.localsrvport;
 
     Registration service;  // stops an earlier instance first
-    QDQ_LOG("local tcp service pid %lu,plattype %d %d\tport:%d\n", tid_text(pthread_self()), type, type,
+    QDQ_LOG("local tcp service pid %lu,plattype %d %d\tport:%d\n", qdq::thread_number(pthread_self()), type, type,
             static_cast<int>(port));
     qdq::Fd lsock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!lsock.valid()) {

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "common/cancel.h"
 #include "common/log.h"
 #include "common/thread.h"
 #include "localsvc/quickinstall.h"
@@ -26,8 +27,6 @@ pthread_t acceptthread[qdq::kLocalTcpSlots] = {};
 // "%d#%d" of any plattype and descriptor fits.
 constexpr std::size_t kArgSize = 32;
 
-unsigned long tid_text(pthread_t t) { return static_cast<unsigned long>(t); }
-
 void *worker_entry(void *arg) {
     ProcessClientTcpRequest(static_cast<char *>(arg));
     return nullptr;
@@ -37,7 +36,7 @@ void *worker_entry(void *arg) {
 // this lock) before it ends, so cancelling its id here is safe.
 void evict_first() {
     QDQ_LOG("local con num is %d, disconnect the fist one! pthreadid:%lu acceptsocket:%d\n", localconnum,
-            tid_text(acceptthread[0]), acceptsocket[0]);
+            qdq::thread_number(acceptthread[0]), acceptsocket[0]);
     pthread_cancel(acceptthread[0]);
     QDQ_LOG("StartProcessTcpRequest pthread_cancel end\n");
     QDQ_LOG("send cancel local tcp process ok\n");
@@ -45,13 +44,13 @@ void evict_first() {
     for (int i = 0; i + 1 < qdq::kLocalTcpSlots; ++i) {
         acceptsocket[i] = acceptsocket[i + 1];
         acceptthread[i] = acceptthread[i + 1];
-        QDQ_LOG("after, the %d st pthreadid:%lu acceptsocket %d\n", i, tid_text(acceptthread[i]),
+        QDQ_LOG("after, the %d st pthreadid:%lu acceptsocket %d\n", i, qdq::thread_number(acceptthread[i]),
                 acceptsocket[i]);
     }
     const int last = qdq::kLocalTcpSlots - 1;
     acceptsocket[last] = -1;
     acceptthread[last] = pthread_t{};
-    QDQ_LOG("after, the %d st pthreadid:%lu acceptsocket %d\n", last, tid_text(acceptthread[last]),
+    QDQ_LOG("after, the %d st pthreadid:%lu acceptsocket %d\n", last, qdq::thread_number(acceptthread[last]),
             acceptsocket[last]);
     --localconnum;
 }
@@ -90,7 +89,7 @@ int admit_local_connection(int sock, int plattype) {
         std::free(arg);
         return -1;
     }
-    QDQ_LOG("Create ProcessClientTcpRequest thread success! pthread:%lu\n", tid_text(acceptthread[slot]));
+    QDQ_LOG("Create ProcessClientTcpRequest thread success! pthread:%lu\n", qdq::thread_number(acceptthread[slot]));
     ++localconnum;
     return 0;
 }

@@ -6,7 +6,7 @@
 #include "common/json.h"
 #include "common/log.h"
 #include "common/socket.h"
-#include "common/thread.h"
+#include "common/cancel.h"
 #include "localsvc/quickinstall.h"
 #include "platintf/hgprocessplatintf.h"
 

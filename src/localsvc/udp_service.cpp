@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "common/cancel.h"
+#include "common/fd_slots.h"
 #include "common/json.h"
 #include "common/log.h"
 #include "common/socket.h"

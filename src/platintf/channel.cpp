@@ -18,11 +18,13 @@
 #include <cerrno>
 #include <cstring>
 
+#include "common/cancel.h"
+#include "common/fd_slots.h"
 #include "common/json.h"
 #include "common/log.h"
+#include "common/mutex.h"
 #include "common/socket.h"
 #include "common/thread.h"
-#include "common/udp_listeners.h"
 #include "platintf/hgprocessplatintf.h"
 #include "platintf/reply_process.h"
 #include "platintf/session.h"
@@ -39,76 +41,36 @@ namespace {
 // The loop thread of each platform while its loop runs. HGDisconnectPlat
 // cancels only a loop registered here: the record's `tid` outlives its
 // thread, and the id of a finished thread may already name another one.
-pthread_mutex_t channel_mutex = PTHREAD_MUTEX_INITIALIZER;
+qdq::Mutex channel_mutex;
 struct ChannelSlot {
     bool live = false;
     pthread_t thread{};
 };
-ChannelSlot g_channels[2];  // manage, plugin
+ChannelSlot g_channels[2] QDQ_GUARDED_BY(channel_mutex);  // manage, plugin
 
-ChannelSlot &slot_of(int plattype) { return g_channels[plattype == QDQ_PLAT_MANAGE ? 0 : 1]; }
-
-class ChannelLock {
-public:
-    ChannelLock() { pthread_mutex_lock(&channel_mutex); }
-    ~ChannelLock() { pthread_mutex_unlock(&channel_mutex); }
-    ChannelLock(const ChannelLock &) = delete;
-    ChannelLock &operator=(const ChannelLock &) = delete;
-
-private:
-    qdq::NoCancel no_cancel_;
-};
+int slot_index(int plattype) { return plattype == QDQ_PLAT_MANAGE ? 0 : 1; }
 
 // Registers the calling thread as the platform's loop for its scope (also
 // when the scope is left by a cancellation).
 class ChannelRegistration {
 public:
-    explicit ChannelRegistration(int plattype) : slot_(slot_of(plattype)) {
-        ChannelLock lock;
-        slot_.live = true;
-        slot_.thread = pthread_self();
+    explicit ChannelRegistration(int plattype) : index_(slot_index(plattype)) {
+        qdq::MutexLock lock(channel_mutex);
+        g_channels[index_].live = true;
+        g_channels[index_].thread = pthread_self();
     }
     ~ChannelRegistration() { end(); }
     // After this no disconnect sends the thread a cancellation.
     void end() {
-        ChannelLock lock;
-        if (slot_.live && pthread_equal(slot_.thread, pthread_self())) slot_.live = false;
+        qdq::MutexLock lock(channel_mutex);
+        ChannelSlot &slot = g_channels[index_];
+        if (slot.live && pthread_equal(slot.thread, pthread_self())) slot.live = false;
     }
     ChannelRegistration(const ChannelRegistration &) = delete;
     ChannelRegistration &operator=(const ChannelRegistration &) = delete;
 
 private:
-    ChannelSlot &slot_;
-};
-
-// The loop's cancellation regime for its scope: deferred and disabled;
-// the caller's own regime is restored at the end.
-class LoopCancelRegime {
-public:
-    LoopCancelRegime() {
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state_);
-        pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &type_);
-    }
-    ~LoopCancelRegime() {
-        int ignored;
-        pthread_setcanceltype(type_, &ignored);
-        pthread_setcancelstate(state_, &ignored);
-    }
-    LoopCancelRegime(const LoopCancelRegime &) = delete;
-    LoopCancelRegime &operator=(const LoopCancelRegime &) = delete;
-
-private:
-    int state_ = PTHREAD_CANCEL_ENABLE;
-    int type_ = PTHREAD_CANCEL_DEFERRED;
-};
-
-// Cancellation enabled for its scope only (the wait for the next frame).
-class CancelWindow {
-public:
-    CancelWindow() { pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); }
-    ~CancelWindow() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); }
-    CancelWindow(const CancelWindow &) = delete;
-    CancelWindow &operator=(const CancelWindow &) = delete;
+    int index_;
 };
 
 // Waits until the next frame (or the end of the connection) can be read:
@@ -120,7 +82,7 @@ bool wait_for_frame(int fd) {
     p.revents = 0;
     int ready;
     {
-        CancelWindow window;
+        qdq::CancelWindow window;
         do {
             ready = poll(&p, 1, -1);
         } while (ready < 0 && errno == EINTR);
@@ -141,8 +103,8 @@ void *plugin_worker(void *message) {
 namespace qdq {
 
 int cancel_channel_thread(int plattype, pthread_t tid) {
-    ChannelLock lock;
-    const ChannelSlot &slot = slot_of(plattype);
+    MutexLock lock(channel_mutex);
+    const ChannelSlot &slot = g_channels[slot_index(plattype)];
     if (!slot.live || !pthread_equal(slot.thread, tid)) return -1;  // no loop runs there
     return pthread_cancel(tid);
 }
@@ -160,7 +122,8 @@ void HgProcessPlatTcpConnect(int plattype) {
     const int heartbeat_timer = manage ? qdq::kTimerManageHeartbeat : qdq::kTimerPluginHeartbeat;
     const int connect_timer = manage ? qdq::kTimerConnectManage : qdq::kTimerConnectPlugin;
 
-    LoopCancelRegime regime;
+    // Off for the whole loop; each wait opens its own deferred window.
+    qdq::NoCancel no_cancel;
     // The loop's own descriptor for the same connection; the record's
     // number stays the one everybody else sends on and closes.
     qdq::Fd sock(qdq::duplicate_slot(&rec->socketfd));
@@ -204,7 +167,7 @@ void HgProcessPlatTcpConnect(int plattype) {
         // A disconnect that came in meanwhile has torn the channel down
         // already; its cancellation ends the thread here, never later in
         // the caller's code.
-        CancelWindow window;
+        qdq::CancelWindow window;
         pthread_testcancel();
     }
     sock.reset();

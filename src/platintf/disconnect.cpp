@@ -2,8 +2,9 @@
 // thread, the session socket and the heartbeat settings.
 #include <cstring>
 
+#include "common/fd_slots.h"
 #include "common/log.h"
-#include "common/udp_listeners.h"
+#include "common/thread.h"
 #include "platintf/reply_process.h"
 #include "platintf/session.h"
 

@@ -58,7 +58,7 @@ bool WaitPlatformReply(int fd, unsigned timeout);
 // Returns 0 when the receive succeeded (a closed peer included), else -1.
 // The connection stays in the record after success. The record's number is
 // only ever read, stored and closed under the descriptor lock (see
-// common/udp_listeners.h): the exchange runs on a duplicate, so a
+// common/fd_slots.h): the exchange runs on a duplicate, so a
 // disconnect meanwhile can never make it write on a reused number. A new
 // connection enters the record once connected; a failure closes it and
 // takes it out of the record (-1), and a `socketfd` of 0 (a cleared

@@ -53,9 +53,6 @@ inline constexpr int kTimerPluginHbTimeout = 16;
 inline constexpr int kTimerPluginDisconnect = 17;
 inline constexpr int kTimerManageLocalService = 19;
 
-// A thread id as a number for log lines (pthread_t is an integer or a
-// pointer, depending on the C library).
-inline unsigned long thread_number(pthread_t t) { return (unsigned long)t; }
 inline bool thread_set(pthread_t t) { return !pthread_equal(t, pthread_t{}); }
 
 // Asks for a connect of the platform behind connect timer `timerid` within

@@ -8,9 +8,10 @@
 #include <string>
 
 #include "common/clock.h"
+#include "common/fd_slots.h"
 #include "common/log.h"
 #include "common/socket.h"
-#include "common/udp_listeners.h"
+#include "common/thread.h"
 #include "platintf/hgprocessplatintf.h"
 #include "platintf/session.h"
 

@@ -10,9 +10,9 @@
 #include <memory>
 #include <new>
 
+#include "common/fd_slots.h"
 #include "common/log.h"
 #include "common/socket.h"
-#include "common/udp_listeners.h"
 #include "platintf/hgprocessplatintf.h"
 
 namespace {

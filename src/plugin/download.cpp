@@ -15,7 +15,7 @@
 
 #include "common/clock.h"
 #include "common/log.h"
-#include "common/thread.h"
+#include "common/cancel.h"
 #include "plugin/plugin_hooks.h"
 #include "plugin/shellsafe.h"
 

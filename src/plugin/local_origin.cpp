@@ -9,7 +9,7 @@
 
 #include "common/log.h"
 #include "common/paths.h"
-#include "common/thread.h"
+#include "common/cancel.h"
 
 namespace qdq {
 

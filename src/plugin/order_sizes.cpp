@@ -5,7 +5,7 @@
 #include <mutex>
 #include <string>
 
-#include "common/thread.h"
+#include "common/cancel.h"
 #include "plugin/download.h"
 
 namespace qdq::plugin {

@@ -3,7 +3,7 @@
 
 #include <mutex>
 
-#include "common/thread.h"
+#include "common/cancel.h"
 
 namespace {
 

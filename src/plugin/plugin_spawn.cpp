@@ -15,7 +15,7 @@
 #include <iterator>
 
 #include "common/socket.h"
-#include "common/thread.h"
+#include "common/cancel.h"
 
 namespace qdq::plugin {
 

@@ -36,7 +36,7 @@ inline Reply run(const std::string &msg, int type, bool null_msg = false) {
 
 // Seconds left on timer `id`, or -1 when it is not armed.
 inline int armed(int id) {
-    qdq::TimerGuard guard;
+    qdq::MutexLock guard(timerlock);
     int i = qdq::timer_index(id);
     return i < 0 ? -1 : g_timer[i].left_time;
 }

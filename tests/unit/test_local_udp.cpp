@@ -12,8 +12,8 @@
 #include <cstring>
 #include <thread>
 
+#include "common/fd_slots.h"
 #include "common/log.h"
-#include "common/udp_listeners.h"
 #include "local_helpers.h"
 #include "localsvc/callbacks.h"
 #include "localsvc/quickinstall.h"

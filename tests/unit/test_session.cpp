@@ -46,7 +46,7 @@ struct ReplyProcess : Session {};
 // id -> seconds of every armed timer.
 std::map<int, int> all_armed() {
     std::map<int, int> out;
-    qdq::TimerGuard guard;
+    qdq::MutexLock guard(timerlock);
     for (const AppTimerEntry &t : g_timer)
         if (t.func != 0) out[t.func] = t.left_time;
     return out;

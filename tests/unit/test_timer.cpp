@@ -47,7 +47,7 @@ std::vector<Clock::time_point> fired(int id, size_t n = 0, int ticks = 0) {
 
 // {index, left_time, CurTimerNum} of `id`.
 std::vector<int> state(int id) {
-    qdq::TimerGuard guard;
+    qdq::MutexLock guard(timerlock);
     int i = qdq::timer_index(id);
     return {i, i < 0 ? 0 : g_timer[i].left_time, CurTimerNum};
 }
@@ -65,7 +65,7 @@ void host_event(int id, int period, int multtimes, int reserved) { note({id, per
 class Timer : public ::testing::Test {
     void SetUp() override {
         AppInitTimerModule();
-        qdq::TimerGuard guard;
+        qdq::MutexLock guard(timerlock);
         CurTimerNum = 0;  // the module's init leaves the count alone
         Lock lock(g_mu);
         g_fired.clear(), g_when.clear();

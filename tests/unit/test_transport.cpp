@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/fd_slots.h"
 #include "common/udp_listeners.h"
 #include "net_helpers.h"
 #include "platintf/hgprocessplatintf.h"

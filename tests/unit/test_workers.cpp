@@ -1,7 +1,8 @@
 // Worker threads started per message or event are capped per kind: at the
 // cap a start is refused, a place comes back when a worker returns or is
 // cancelled, and a flood of "EVENT_INFOR" events against a silent message
-// server stays within the event cap with every event answered or refused.
+// server stays within the event cap with every event answered or refused. A
+// cancellation never lands while the library's scoped lock is held.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <unistd.h>
@@ -11,7 +12,9 @@
 #include <thread>
 #include <vector>
 
+#include "common/cancel.h"
 #include "common/log.h"
+#include "common/mutex.h"
 #include "common/thread.h"
 #include "local_helpers.h"
 
@@ -113,6 +116,36 @@ TEST(Workers, EventFloodAgainstASilentMessageServerStaysBounded) {
     EXPECT_LE(peak, qdq::worker_cap(qdq::Work::event));
     EXPECT_TRUE(local::wait_until([&] { return local::threads() == before && net::open_fds() == fds; }));
     manageplatinfo.regflag = 0;
+}
+
+// A cancellation sent while a MutexLock is held lands at the holder's next
+// CancelWindow, after the lock is released, never inside the locked scope.
+qdq::Mutex g_lock;
+std::atomic<int> g_stage{0};
+
+void *lock_then_wait(void *) {
+    {
+        qdq::MutexLock lock(g_lock);
+        g_stage.store(1);
+        while (g_stage.load() != 2) poll(nullptr, 0, 1);  // a cancellation point under the lock
+    }
+    g_stage.store(3);
+    qdq::CancelWindow window;
+    for (;;) poll(nullptr, 0, 1);
+}
+
+TEST(Workers, CancellationNeverLandsWhileAMutexLockIsHeld) {
+    pthread_t tid;
+    ASSERT_EQ(qdq::start_thread(&tid, lock_then_wait, nullptr, false), 0);
+    ASSERT_TRUE(local::wait_until([] { return g_stage.load() == 1; }));
+    ASSERT_EQ(pthread_cancel(tid), 0);
+    g_stage.store(2);
+    void *result = nullptr;
+    ASSERT_EQ(pthread_join(tid, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_EQ(g_stage.load(), 3);
+    ASSERT_EQ(pthread_mutex_trylock(g_lock.native()), 0);
+    pthread_mutex_unlock(g_lock.native());
 }
 
 }  // namespace
