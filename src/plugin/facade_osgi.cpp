@@ -38,7 +38,7 @@ QDQ_API int HgOsgiFactoryReset(const char *bundle, const char *version) {
         QDQ_LOG("HgOsgiFactoryReset: refused bundle name:%s", bundle != nullptr ? bundle : "(null)");
         return -1;
     }
-    // No log line: this entry never reported the failure.
+    // Fails without a log line; the caller sees -1.
     if (!qdq::guard_entry(nullptr, false, [&] {
             std::string b(bundle);
             for (const std::string &dir : {"/tmp/osgi/bundletemp/" + b, "/osgi/felix-cache/" + b + "/data"})
