@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "common/abi_guard.h"
 #include "common/log.h"
 #include "common/paths.h"
 #include "qdquick/qdquick.h"
@@ -25,7 +26,7 @@ constexpr int kLinePiece = 199;
 
 extern "C" QDQ_API int getStoredToken(char *out) {
     if (out == nullptr) return 0;
-    try {
+    return qdq::guard_entry("getStoredToken", 0, [&] {
         const std::string file = qdq::path("/qdconf/app_store_token");
         // "e": a command forked meanwhile must not inherit the descriptor.
         std::unique_ptr<std::FILE, FileCloser> f(std::fopen(file.c_str(), "re"));
@@ -46,8 +47,6 @@ extern "C" QDQ_API int getStoredToken(char *out) {
             }
             QDQ_LOG("token:%s\n", out);
         }
-    } catch (const std::exception &e) {
-        QDQ_LOG("getStoredToken: %s\n", e.what());
-    }
-    return 0;
+        return 0;
+    });
 }

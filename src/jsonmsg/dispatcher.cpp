@@ -6,6 +6,7 @@
 #include <memory>
 #include <new>
 
+#include "common/abi_guard.h"
 #include "common/clock.h"
 #include "common/json.h"
 #include "common/log.h"
@@ -239,10 +240,5 @@ int dispatch(const char *msg, char **out, int *plattype) {
 
 extern "C" QDQ_API int HGProcessPlatJsonMsg(const char *msg, char **out, int *plattype) {
     if (out != nullptr) *out = nullptr;
-    try {
-        return dispatch(msg, out, plattype);
-    } catch (const std::exception &e) {
-        QDQ_LOG("HGProcessJsonMsg failed: %s", e.what());
-        return 0;
-    }
+    return qdq::guard_entry("HGProcessJsonMsg failed", 0, [&] { return dispatch(msg, out, plattype); });
 }

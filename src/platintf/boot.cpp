@@ -36,7 +36,7 @@ bool family_matches(const char *address) {
     return true;
 }
 
-// What follows one unusable reply (-1).
+// What follows one unusable reply (kSessionNoReply).
 enum class Next { SameAddress, NewRound, GiveUp };
 
 struct BootState {
@@ -131,11 +131,11 @@ int HgProcessBoot(int plattype) {
                     // connection is not kept open for nothing.
                     HgSetPlateStatus(plattype, "try_connect_failed", -1);
                     qdq::close_session_socket(rec);
-                    return -1;
+                    return kSessionNoReply;
                 }
                 const int result = ProcessBootReply(text, plattype);
-                if (result == -5) break;  // the platform sends us elsewhere
-                if (result != -1) {
+                if (result == kResultRedirect) break;  // the platform sends us elsewhere
+                if (result != kSessionNoReply) {
                     QDQ_LOG("HgProcessBoot end! ret=%d\n", result);
                     return result;
                 }
@@ -143,10 +143,10 @@ int HgProcessBoot(int plattype) {
                 qdq::close_session_socket(rec);
                 if (plugin) {
                     QDQ_LOG("plugin boot return -1, return\n");
-                    return -1;
+                    return kSessionNoReply;
                 }
                 next = after_unusable_reply(st);
-                if (next == Next::GiveUp) return -1;
+                if (next == Next::GiveUp) return kSessionNoReply;
                 if (next == Next::NewRound) break;
             }
         }

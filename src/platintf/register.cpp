@@ -12,9 +12,9 @@ namespace {
 // other results keep the previous one.
 unsigned next_wait(int plattype, bool tcp, int result, unsigned previous) {
     switch (result) {
-    case -1: return 5;
-    case -5:
-    case -3: return 1;
+    case kSessionNoReply: return 5;
+    case kResultRedirect:
+    case kResultRefused: return 1;
     default: break;
     }
     if (result > 0 && tcp) {
@@ -32,12 +32,12 @@ constexpr int kRefusalsBeforeBoot = 5;
 
 }  // namespace
 
-int HgProcessRegister(int plattype) {
+int HgProcessRegister(int plattype, qdq::RecordClaim *claim) {
     QDQ_LOG("HgProcessRegister start!ipmode:%d", deviceinfo.ipmode);
     platinfo *rec = getPlatInfo(plattype);
     if (rec == nullptr) {
         QDQ_LOG("platinfo is NULL");
-        return -1;
+        return kSessionNoReply;
     }
     const bool plugin = plattype == QDQ_PLAT_PLUGIN;
     HgSetPlateStatus(plattype, "registering", 0);
@@ -73,13 +73,13 @@ int HgProcessRegister(int plattype) {
             return sent;
         }
         const int result = ProcessRegReply(text, rec);
-        if (result == -1) {
+        if (result == kSessionNoReply) {
             HgSetPlateStatus(plattype, "try_connect_failed", -1);
             if (plugin) {
-                rec->isinreg = 0;
+                if (claim != nullptr) claim->release();
                 QDQ_LOG("plugin reg return -1, return!\n");
                 qdq::close_session_socket(rec);
-                return -1;
+                return kSessionNoReply;
             }
             // The second unusable reply is retried soon; the others after a
             // minute, for as long as this thread stays the newest.
@@ -98,26 +98,26 @@ int HgProcessRegister(int plattype) {
                 if (plattype == QDQ_PLAT_MANAGE)
                     AppTimerCreate(2, qdq::kTimerManageLocalService, 0, QdTimeoutHandle);
             }
-            rec->isinreg = 0;
+            if (claim != nullptr) claim->release();
             QDQ_LOG("HgProcessRegister end! ret=%d\n", result);
             return result;
         }
-        if (result == -2) {
-            rec->isinreg = 0;
+        if (result == kResultBootAgain) {
+            if (claim != nullptr) claim->release();
             QDQ_LOG("%s ret = %d,should return to boot again\n", "HgProcessRegister", result);
-            return -2;
+            return kResultBootAgain;
         }
-        refusals = result == -3 ? refusals + 1 : 0;
+        refusals = result == kResultRefused ? refusals + 1 : 0;
         if (refusals == kRefusalsBeforeBoot) {
             QDQ_LOG("register refused %d times in a row, boot again for a new challenge", refusals);
             refusals = 0;
             const int boot = HgProcessBoot(plattype);
-            if (boot == 0) {
+            if (boot == kResultAnswered) {
                 HgSetPlateStatus(plattype, "registering", 0);
                 continue;
             }
             // Failures end the connect as a failed Register would.
-            return boot < 0 || is_session_failure(boot) ? boot : -2;
+            return boot < 0 || is_session_failure(boot) ? boot : kResultBootAgain;
         }
         wait = next_wait(plattype, tcp, result, wait);
         QDQ_LOG("ret=%d\tplattypt:%d\ttimeout:%d\n", result, plattype, static_cast<int>(wait));

@@ -178,11 +178,11 @@ int ProcessBootReply(const char *reply, int plattype) {
     platinfo *rec = getPlatInfo(plattype);
     if (rec == nullptr) {
         QDQ_LOG("platinfo is NULL");
-        return -1;
+        return kSessionNoReply;
     }
     const cJSON *result_item = nullptr;
     JsonPtr obj = parse_reply(reply, &result_item);
-    if (!obj) return -1;
+    if (!obj) return kSessionNoReply;
     take_interval(obj.get(), rec);
     int result = GetIntValueFromJson(result_item);
     QDQ_LOG("ProcessBootReply result:%d", result);
@@ -207,10 +207,10 @@ int ProcessBootReply(const char *reply, int plattype) {
 
 int ProcessRegReply(const char *reply, platinfo *rec) {
     QDQ_LOG("ProcessRegReply start!");
-    if (rec == nullptr) return -1;
+    if (rec == nullptr) return kSessionNoReply;
     const cJSON *result_item = nullptr;
     JsonPtr obj = parse_reply(reply, &result_item);
-    if (!obj) return -1;
+    if (!obj) return kSessionNoReply;
     int result = GetIntValueFromJson(result_item);
     take_interval(obj.get(), rec);
     take_heartbeat_address(obj.get(), rec);

@@ -7,7 +7,7 @@
 // Sets the platform's status word and tells the host (callback slot 1) when
 // it changed.
 void HgSetPlateStatus(int plattype, const char *status, int result);
-// Return the reply's "Result", or -1 for an unusable reply.
+// Return the reply's "Result", or kSessionNoReply (-1) for an unusable reply.
 int ProcessBootReply(const char *reply, int plattype);
 int ProcessRegReply(const char *reply, platinfo *record);
 // reply NULL: the heartbeat failed or timed out.

@@ -8,19 +8,65 @@
 
 #include "qdquick/qdquick.h"
 
-// Codes of the Boot and Register procedures (besides a platform "Result").
-inline constexpr int kSessionNoAddress = 101;   // no address / transport failed
-inline constexpr int kSessionSuperseded = 102;  // a newer connect thread took over
-inline constexpr int kSessionWrongFamily = 103; // address family mismatch (Boot)
+// What the Boot and Register procedures and the connects return. The
+// platform's own "Result" passes through them as an int, so a result is
+// either one of the session's codes (101-103), or a platform "Result" (0:
+// Boot answered or registered, positive: registered), of which the session
+// names the ones it acts on. -1 is both: the session's "no usable reply"
+// and a platform's Result -1 are handled alike.
+enum SessionResult : int {
+    kSessionNoAddress = 101,    // no address / transport failed
+    kSessionSuperseded = 102,   // a newer connect thread took over
+    kSessionWrongFamily = 103,  // address family mismatch (Boot)
+    kSessionNoReply = -1,       // no usable reply (over UDP the connect goes on over TCP)
+    kResultBootAgain = -2,      // Register: Boot again
+    kResultRefused = -3,        // Register: the challenge answer was refused
+    kResultRedirect = -5,       // Boot: try another of the platform's addresses
+    kResultAnswered = 0,        // Boot: challenge received; Register: registered (plugin)
+};
 
+// True for the session's own codes, which end a connect whatever the
+// platform; false for anything a platform may have answered.
 inline bool is_session_failure(int ret) {
     return ret == kSessionNoAddress || ret == kSessionSuperseded || ret == kSessionWrongFamily;
 }
 
-// Blocking procedures; return a code above, -1, -2 (Register: boot again)
-// or the platform's "Result".
+namespace qdq {
+
+// One connect's hold on its platform record (`isinreg`). Taken by a test and
+// set in one step: two connects started together (a timer expiry and the
+// host, say) would otherwise both go on from the same local port and read
+// each other's Boot replies. Given back once, the same atomic way: where the
+// procedure hands the record over early (Register's own ends, the plugin's
+// channel loop), else when the connect ends by return, exception or thread
+// cancellation.
+class RecordClaim {
+public:
+    explicit RecordClaim(platinfo &rec)
+        : flag_(&rec.isinreg), held_(__atomic_exchange_n(flag_, 1, __ATOMIC_ACQ_REL) == 0) {}
+    ~RecordClaim() { release(); }
+    RecordClaim(const RecordClaim &) = delete;
+    RecordClaim &operator=(const RecordClaim &) = delete;
+
+    // False when another connect held the record.
+    bool held() const { return held_; }
+    void release() {
+        if (held_) __atomic_store_n(flag_, 0, __ATOMIC_RELEASE);
+        held_ = false;
+    }
+
+private:
+    unsigned char *flag_;
+    bool held_;
+};
+
+}  // namespace qdq
+
+// Blocking procedures; return a SessionResult or the platform's "Result".
+// Register gives `claim` (the connect's, when one runs) back where the
+// record is done with: "connected", Boot-again and the plugin's failure.
 int HgProcessBoot(int plattype);
-int HgProcessRegister(int plattype);
+int HgProcessRegister(int plattype, qdq::RecordClaim *claim = nullptr);
 
 // Timer actions 13/15: one heartbeat to the manage or plugin platform.
 void HGProcessPlatHeatbeat(int plattype);

@@ -10,6 +10,7 @@
 #include <exception>
 #include <string>
 
+#include "common/abi_guard.h"
 #include "common/log.h"
 #include "common/paths.h"
 #include "plugin/descriptor.h"
@@ -257,11 +258,10 @@ extern "C" QDQ_API void *HgDownLoadCpluginAndProcess(void *record) {
     if (record == nullptr) return nullptr;
     // The thread works on its own copy: the starter's record may go away.
     Install install(*static_cast<const cplugininstinfo *>(record));
-    try {
-        install.run();
-    } catch (const std::exception &e) {
-        QDQ_LOG("HgDownLoadCpluginAndProcess: %s", e.what());
+    if (!qdq::guard_entry("HgDownLoadCpluginAndProcess", false, [&] {
+            install.run();
+            return true;
+        }))
         install.failed();
-    }
     return nullptr;
 }

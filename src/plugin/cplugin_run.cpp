@@ -13,6 +13,7 @@
 #include <exception>
 #include <string>
 
+#include "common/abi_guard.h"
 #include "common/log.h"
 #include "common/paths.h"
 #include "common/socket.h"
@@ -149,35 +150,22 @@ extern "C" QDQ_API int HgCPluginRun(const char *name, const char *version, const
         QDQ_LOG("HgCPluginRun: refused, unsafe name or entry file");
         return -1;
     }
-    int rc = -1;
-    try {
-        rc = run_plugin(name, type, entryfile, cpu, vram, sockets);
-    } catch (const std::exception &e) {
-        QDQ_LOG("HgCPluginRun: %s", e.what());
-        rc = -1;
-    }
+    const int rc =
+        qdq::guard_entry("HgCPluginRun", -1, [&] { return run_plugin(name, type, entryfile, cpu, vram, sockets); });
     QDQ_LOG("HgCPluginRun end ret:%d", rc);
     return rc;
 }
 
 extern "C" QDQ_API int HgCPluginPid(const char *name) {
     if (name == nullptr) return 0;
-    try {
-        return static_cast<int>(running_pid(short_name(name)));
-    } catch (const std::exception &e) {
-        QDQ_LOG("HgCPluginPid: %s", e.what());
-        return 0;
-    }
+    return qdq::guard_entry("HgCPluginPid", 0, [&] { return static_cast<int>(running_pid(short_name(name))); });
 }
 
 extern "C" QDQ_API int HgCPluginAdopt(const char *name, int pid) {
     if (name == nullptr || !is_plain(name, false)) return -1;
-    try {
+    return qdq::guard_entry("HgCPluginAdopt", -1, [&] {
         if (!adopt(short_name(name), static_cast<pid_t>(pid))) return -1;
         QDQ_LOG("HgCPluginAdopt: %s keeps running, pid %d", name, pid);
         return 0;
-    } catch (const std::exception &e) {
-        QDQ_LOG("HgCPluginAdopt: %s", e.what());
-        return -1;
-    }
+    });
 }

@@ -9,6 +9,7 @@
 #include <exception>
 #include <string>
 
+#include "common/abi_guard.h"
 #include "common/log.h"
 #include "plugin/plugin_log.h"
 #include "plugin/plugin_paths.h"
@@ -37,8 +38,8 @@ extern "C" QDQ_API int ProcessCPluginStop(const char *name, const char *version,
     if (name == nullptr || type == nullptr || entryfile == nullptr) return -1;
     const char *slash = std::strrchr(entryfile, '/');
     const char *base = slash != nullptr ? slash + 1 : entryfile;
-    int rc = 0;
-    try {
+    return qdq::guard_entry("ProcessCPluginStop", -1, [&] {
+        int rc = 0;
         if (std::strcmp(type, "ko") == 0) {
             // The module name reaches rmmod's command line.
             if (!is_plain(base, false)) {
@@ -49,23 +50,17 @@ extern "C" QDQ_API int ProcessCPluginStop(const char *name, const char *version,
         } else if (std::strcmp(type, "app") == 0) {
             rc = stop_app(name);  // the entry file plays no part
         }
-    } catch (const std::exception &e) {
-        QDQ_LOG("ProcessCPluginStop: %s", e.what());
-        return -1;
-    }
-    HgSavePluginProcessLog("Stop C Plugin success, name:%s, version:%s, status:Idle", name,
-                           version != nullptr ? version : "");
-    QDQ_LOG("ProcessCPluginStop end!ret:%d", rc);
-    return rc;
+        HgSavePluginProcessLog("Stop C Plugin success, name:%s, version:%s, status:Idle", name,
+                               version != nullptr ? version : "");
+        QDQ_LOG("ProcessCPluginStop end!ret:%d", rc);
+        return rc;
+    });
 }
 
 extern "C" QDQ_API int HgCPluginStopAll(void) {
-    try {
+    return qdq::guard_entry("HgCPluginStopAll", -1, [] {
         const int groups = qdq::plugin::stop_all_tracked();
         QDQ_LOG("HgCPluginStopAll: %d process group(s) stopped", groups);
         return groups;
-    } catch (const std::exception &e) {
-        QDQ_LOG("HgCPluginStopAll: %s", e.what());
-        return -1;
-    }
+    });
 }

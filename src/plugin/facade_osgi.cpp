@@ -4,6 +4,7 @@
 #include <exception>
 #include <string>
 
+#include "common/abi_guard.h"
 #include "common/log.h"
 #include "common/paths.h"
 #include "plugin/plugin_paths.h"
@@ -37,13 +38,14 @@ QDQ_API int HgOsgiFactoryReset(const char *bundle, const char *version) {
         QDQ_LOG("HgOsgiFactoryReset: refused bundle name:%s", bundle != nullptr ? bundle : "(null)");
         return -1;
     }
-    try {
-        std::string b(bundle);
-        for (const std::string &dir : {"/tmp/osgi/bundletemp/" + b, "/osgi/felix-cache/" + b + "/data"})
-            qdq::plugin::run_logged("cmdbuf:", "rm -rf " + qdq::plugin::sq(qdq::path(dir)));
-    } catch (const std::exception &) {
+    // Fails without a log line; the caller sees -1.
+    if (!qdq::guard_entry(nullptr, false, [&] {
+            std::string b(bundle);
+            for (const std::string &dir : {"/tmp/osgi/bundletemp/" + b, "/osgi/felix-cache/" + b + "/data"})
+                qdq::plugin::run_logged("cmdbuf:", "rm -rf " + qdq::plugin::sq(qdq::path(dir)));
+            return true;
+        }))
         return -1;
-    }
     HgOsgidStop(bundle, version);
     HgOsgidStart(bundle, version);
     return 0;

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <thread>
@@ -87,6 +88,22 @@ TEST_F(Session, ConnectRefusalsAndTheManageConnectClearingThePluginRecord) {
     EXPECT_EQ(manageplatinfo.port, 60001u);
     EXPECT_GE(manageplatinfo.localport, 17100u);
     EXPECT_LE(manageplatinfo.localport, 17198u);
+}
+
+// A claim is given back once: a connect that handed its record over early
+// (to Register, or before the plugin's channel loop) must not, when it
+// ends, take the record from a newer connect that claimed it meanwhile.
+TEST(RecordClaim, GivenBackOnceAndOnlyByItsHolder) {
+    platinfo rec{};
+    auto first = std::make_unique<qdq::RecordClaim>(rec);
+    ASSERT_TRUE(first->held());
+    { qdq::RecordClaim refused(rec); EXPECT_FALSE(refused.held()); }
+    EXPECT_EQ(rec.isinreg, 1);
+    first->release();
+    qdq::RecordClaim newer(rec);
+    ASSERT_TRUE(newer.held());
+    first.reset();
+    EXPECT_EQ(rec.isinreg, 1);
 }
 
 // Over TCP the manage connect timer also counts the periodic reconnect,

@@ -8,10 +8,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <stdexcept>
 #include <atomic>
 #include <thread>
 #include <vector>
 
+#include "common/abi_guard.h"
 #include "common/cancel.h"
 #include "common/log.h"
 #include "common/mutex.h"
@@ -71,6 +73,25 @@ TEST(Workers, EachKindStopsAtItsCapAndGetsItsPlacesBack) {
         EXPECT_TRUE(local::wait_until([&] { return qdq::live_workers_total() == 0; }));
     }
     EXPECT_TRUE(local::wait_until([&] { return local::threads() == before; }));
+}
+
+// An entry's guard turns an exception into the entry's failure value, but a
+// thread cancelled inside it must go on unwinding (a guard that swallowed
+// that would abort the process).
+TEST(Workers, EntryGuardStopsExceptionsButNotCancellation) {
+    EXPECT_EQ(qdq::guard_entry("test", -7, []() -> int { throw std::runtime_error("x"); }), -7);
+    g_release = false;
+    pthread_t t;
+    auto body = [](void *) -> void * {
+        qdq::guard_entry("test", 0, [] { return blocker(nullptr) == nullptr ? 1 : 2; });
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&t, nullptr, body, nullptr), 0);
+    ASSERT_EQ(pthread_cancel(t), 0);
+    void *ret = nullptr;
+    pthread_join(t, &ret);
+    EXPECT_EQ(ret, PTHREAD_CANCELED);
+    g_release = true;
 }
 
 TEST(Workers, EventFloodAgainstASilentMessageServerStaysBounded) {
