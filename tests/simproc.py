@@ -23,9 +23,10 @@ HOST = "127.0.0.1"
 SLOW = float(os.environ.get("QDQ_E2E_SLOWDOWN", "1"))
 
 
-# The library keeps one descriptor per log file, opened by that log's first
-# line: not a leak, so descriptor counts leave them out.
-LOG_FILE = re.compile(r"/var/shrcadlog(-bak|-dpi)?\.txt$")
+# The library keeps one descriptor per log file (qdquickd's own log too),
+# opened by that log's first line: not a leak, so descriptor counts leave
+# them out.
+LOG_FILE = re.compile(r"/var/(shrcadlog(-bak|-dpi)?\.txt|qdquickd\.log)$")
 
 
 def counts(pid: int) -> tuple[int, int]:
