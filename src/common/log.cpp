@@ -128,7 +128,14 @@ int log_descriptor(KeptLog &log, off_t &size) {
         }
         log.drop();
     }
-    const int fd = open(log.file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0666);
+    int fd = open(log.file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0666);
+    if (fd >= 0 && fd <= 2) {
+        // A host that runs with standard streams closed and later points
+        // them elsewhere (dup2, freopen) would take a kept descriptor there.
+        const int moved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+        close(fd);
+        fd = moved;
+    }
     if (fd < 0) return -1;
     if (fstat(fd, &st) != 0) {
         close(fd);

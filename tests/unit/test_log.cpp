@@ -138,6 +138,19 @@ TEST_F(LogTest, LinkAtTheLogPathIsNotFollowed) {
     ::remove(file.c_str());
 }
 
+// A host running with standard input closed that later reopens it must not
+// take over a log's kept descriptor.
+TEST_F(LogTest, StandardStreamReopenedByTheHostLeavesTheLogAlone) {
+    const int saved = dup(0);
+    ASSERT_GE(saved, 0);
+    close(0);
+    AppMgrLogLine("/var/stdio.txt", "first");
+    dup2(saved, 0);
+    close(saved);
+    AppMgrLogLine("/var/stdio.txt", "second");
+    EXPECT_NE(qdq_test::read_file(logfile("stdio.txt")).find(" : second\n"), std::string::npos);
+}
+
 TEST_F(LogTest, UnwritablePathReportsOnMainLogWithoutHanging) {
     ::remove(logfile("shrcadlog.txt").c_str());
     // A directory cannot be opened for appending.
