@@ -91,8 +91,8 @@ std::vector<Figure> local_rows(const Plan &plan) {
         add(out, "ListPlugin TCP 18998, " + who + ":", tcp.first, tcp.second,
             "bare framed-TCP echo, connection per request", clients > 1);
     }
-    // Where the time goes (bench/README.md): each line is an open, an fstat,
-    // a writev and a close under the log lock.
+    // Where the time goes (bench/README.md): each line is a stat of the
+    // path and a writev under the log lock.
     out.push_back({"1", "log lines written per UDP request", "", log_lines_per_request(udp_client(kUdpPort), 100), 0,
                    false, "bare UDP echo logs nothing"});
     out.push_back({"1", "log lines written per TCP request", "", log_lines_per_request(tcp_client(kTcpPort), 100), 0,

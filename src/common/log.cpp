@@ -1,14 +1,14 @@
-// AppMgrLogLine: one time-stamped line per call, appended to the named file,
-// which is opened and closed on every call so that a file removed, renamed
-// or emptied from outside is simply re-created or continued, and no
-// descriptor is ever kept.
+// AppMgrLogLine: one time-stamped line per call, appended to the named file.
+// A file removed, renamed, replaced or emptied from outside is re-created or
+// continued on the next line, exactly as if it were opened for every line.
 //
 // Cost per line: the message is formatted before the lock is taken (into
-// the caller's stack); under the lock one open (O_APPEND), one fstat for the
-// size limit, one writev of the whole line and one close: four system calls
-// where stdio took seven (open, two stats, two seeks, write, close). The
-// time stamp is formatted at most once a second, under the lock, so stamps
-// never go backwards in a file.
+// the caller's stack). Under the lock the file's descriptor is kept between
+// lines but used only after a stat of the path shows the same file, so no
+// line ever goes into a removed or replaced file; the same stat gives the
+// size for the limit, and the line is one writev: two system calls where
+// stdio took seven. The time stamp is formatted at most once a second,
+// under the lock, so stamps never go backwards in a file.
 #include "common/log.h"
 
 #include <fcntl.h>
@@ -67,39 +67,120 @@ size_t format_message(MessageBuffer &out, const char *format, va_list ap) {
 
 enum class Append { written, open_failed, truncate_failed };
 
-// Lock held. Appends one line to `file`, emptying the file first when it has
-// reached the size limit. The file is opened for every line and no
-// descriptor is kept: a kept one would show in the host's descriptor count
-// and hold a removed file's space. Short writes are not retried (nor were
+// A log file's descriptor kept between lines and the identity of the file
+// it was opened on. Used only while log_mutex is held.
+struct KeptLog {
+    std::string key;   // the caller's path, before the root is applied
+    std::string file;  // the path opened
+    int fd = -1;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    unsigned long used = 0;  // when last written, for choosing a slot to reuse
+
+    void drop() {
+        if (fd >= 0) close(fd);
+        fd = -1;
+    }
+};
+
+// The general, trace and push logs and one more; a further file takes the
+// slot written least recently.
+constexpr unsigned kKeptLogs = 4;
+unsigned long g_lines = 0;
+
+// Never destroyed: detached threads still log while the process exits,
+// after static destructors have run.
+KeptLog *kept_logs() {
+    static KeptLog *const logs = new KeptLog[kKeptLogs];
+    return logs;
+}
+
+// Lock held. The slot of `key`, or a reused one (its descriptor closed and
+// its fd -1) set to `key`; nullptr when out of memory.
+KeptLog *slot_of(const char *key) {
+    KeptLog *logs = kept_logs(), *oldest = &logs[0];
+    for (unsigned i = 0; i < kKeptLogs; ++i) {
+        if (logs[i].key == key) return &logs[i];
+        if (logs[i].used < oldest->used) oldest = &logs[i];
+    }
+    oldest->drop();
+    try {
+        oldest->file = qdq::path(key);
+        oldest->key = key;
+    } catch (const std::exception &) {
+        oldest->key.clear();
+        return nullptr;
+    }
+    return oldest;
+}
+
+// Lock held. The descriptor of `log`'s file and its current size, or -1.
+// The kept descriptor is used only while the path still names the file it
+// was opened on; otherwise it is closed (which also frees a removed file's
+// space) and the path opened again. No link is followed: a log path turned
+// into a link by someone else is not written through.
+int log_descriptor(KeptLog &log, off_t &size) {
+    struct stat st;
+    if (log.fd >= 0) {
+        if (lstat(log.file.c_str(), &st) == 0 && st.st_dev == log.dev && st.st_ino == log.ino) {
+            size = st.st_size;
+            return log.fd;
+        }
+        log.drop();
+    }
+    int fd = open(log.file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0666);
+    if (fd >= 0 && fd <= 2) {
+        // A host that runs with standard streams closed and later points
+        // them elsewhere (dup2, freopen) would take a kept descriptor there.
+        const int moved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+        close(fd);
+        fd = moved;
+    }
+    if (fd < 0) return -1;
+    if (fstat(fd, &st) != 0) {
+        close(fd);
+        return -1;
+    }
+    log.fd = fd;
+    log.dev = st.st_dev;
+    log.ino = st.st_ino;
+    size = st.st_size;
+    return fd;
+}
+
+// Lock held. Appends one line to `key`'s file, emptying the file first when
+// it has reached the size limit. Short writes are not retried (nor were
 // they ever reported).
-Append append_line(const char *file, const char *message, size_t length) {
-    const int fd = open(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+Append append_line(const char *key, const char *message, size_t length) {
+    KeptLog *log = slot_of(key);
+    if (log == nullptr) return Append::open_failed;
+    log->used = ++g_lines;
+    off_t size = 0;
+    const int fd = log_descriptor(*log, size);
     if (fd < 0) return Append::open_failed;
     const int limit = gQuickLogSize;
-    struct stat st;
-    if (limit > 0 && fstat(fd, &st) == 0 && st.st_size / 1024 >= limit && ftruncate(fd, 0) != 0) {
-        close(fd);
-        return Append::truncate_failed;
-    }
+    if (limit > 0 && size / 1024 >= limit && ftruncate(fd, 0) != 0) return Append::truncate_failed;
     refresh_stamp();
     // One call: the line is one append, never split by another process's.
     iovec parts[2] = {{g_stamp, g_stamp_length}, {const_cast<char *>(message), length}};
     ssize_t ignored = writev(fd, parts, 2);
     (void)ignored;
-    close(fd);
     return Append::written;
+}
+
+// The kept descriptors are closed when the library is unloaded (or the
+// process exits); a line logged afterwards opens its file again. Never
+// waits: with the lock held elsewhere the process's end closes them.
+__attribute__((destructor)) void close_kept_logs() {
+    if (pthread_mutex_trylock(&log_mutex) != 0) return;
+    for (unsigned i = 0; i < kKeptLogs; ++i) kept_logs()[i].drop();
+    pthread_mutex_unlock(&log_mutex);
 }
 
 }  // namespace
 
 extern "C" QDQ_API int AppMgrLogLine(const char *path, const char *format, ...) {
     if (path == nullptr || format == nullptr) return -1;
-    std::string file;
-    try {
-        file = qdq::path(path);
-    } catch (const std::exception &) {
-        return -1;  // out of memory: the line is lost, nothing else
-    }
     MessageBuffer message;
     va_list ap;
     va_start(ap, format);
@@ -109,7 +190,7 @@ extern "C" QDQ_API int AppMgrLogLine(const char *path, const char *format, ...) 
     // A thread cancelled inside would leave the lock held for ever.
     qdq::NoCancel no_cancel;
     pthread_mutex_lock(&log_mutex);
-    switch (append_line(file.c_str(), message, length)) {
+    switch (append_line(path, message, length)) {
         case Append::written: break;
         case Append::truncate_failed: std::puts("open log file failed!"); break;
         case Append::open_failed:
@@ -118,11 +199,7 @@ extern "C" QDQ_API int AppMgrLogLine(const char *path, const char *format, ...) 
             // opened the report is dropped.
             if (std::strcmp(path, qdq::kLogMain) != 0) {
                 static const char kFailed[] = "open log file failed!\n\n";
-                try {
-                    append_line(qdq::path(qdq::kLogMain).c_str(), kFailed, sizeof kFailed - 1);
-                } catch (const std::exception &) {
-                    // out of memory: the report is lost too
-                }
+                append_line(qdq::kLogMain, kFailed, sizeof kFailed - 1);
             }
             break;
     }

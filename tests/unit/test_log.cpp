@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include <cctype>
+#include <filesystem>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -30,6 +31,17 @@ bool stamped(const std::string &line) {
         ok = s == 'A' ? std::isupper(c) : s == 'a' ? std::islower(c) : s == '0' ? std::isdigit(c) : c == s;
     }
     return ok;
+}
+
+// Descriptors of this process still open on a removed file.
+int removed_files_held() {
+    int n = 0;
+    for (const auto &fd : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code ec;
+        const std::string target = std::filesystem::read_symlink(fd.path(), ec).native();
+        n += target.size() > 10 && target.compare(target.size() - 10, 10, " (deleted)") == 0;
+    }
+    return n;
 }
 
 class LogTest : public ::testing::Test {
@@ -108,7 +120,35 @@ TEST_F(LogTest, FileChangedFromOutsideIsFollowedOnTheNextLine) {
         if (c.moved_keeps != nullptr) {
             EXPECT_EQ(qdq_test::read_file(moved).substr(20), c.moved_keeps);
         }
+        EXPECT_EQ(removed_files_held(), 0) << "a removed log's space stays held";
     }
+}
+
+// A log path replaced by a link (to a file its owner chose) is not written
+// through: the line is reported lost instead.
+TEST_F(LogTest, LinkAtTheLogPathIsNotFollowed) {
+    const std::string file = logfile("linked.txt"), target = logfile("target.txt");
+    AppMgrLogLine("/var/linked.txt", "first");
+    qdq_test::write_file(target, "");
+    ::remove(file.c_str());
+    ASSERT_EQ(::symlink(target.c_str(), file.c_str()), 0);
+    AppMgrLogLine("/var/linked.txt", "second");
+    EXPECT_EQ(qdq_test::read_file(target), "");
+    EXPECT_NE(qdq_test::read_file(logfile("shrcadlog.txt")).find(" : open log file failed!\n"), std::string::npos);
+    ::remove(file.c_str());
+}
+
+// A host running with standard input closed that later reopens it must not
+// take over a log's kept descriptor.
+TEST_F(LogTest, StandardStreamReopenedByTheHostLeavesTheLogAlone) {
+    const int saved = dup(0);
+    ASSERT_GE(saved, 0);
+    close(0);
+    AppMgrLogLine("/var/stdio.txt", "first");
+    dup2(saved, 0);
+    close(saved);
+    AppMgrLogLine("/var/stdio.txt", "second");
+    EXPECT_NE(qdq_test::read_file(logfile("stdio.txt")).find(" : second\n"), std::string::npos);
 }
 
 TEST_F(LogTest, UnwritablePathReportsOnMainLogWithoutHanging) {
