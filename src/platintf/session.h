@@ -6,6 +6,7 @@
 
 #include <pthread.h>
 
+#include "common/ids.h"
 #include "qdquick/qdquick.h"
 
 // Codes of the Boot and Register procedures (besides a platform "Result").
@@ -41,17 +42,6 @@ void *StartProcessConnectPluginPlat(void *);
 extern pthread_mutex_t tcpreq_mutex;
 
 namespace qdq {
-
-// Timer ids of the session.
-inline constexpr int kTimerConnectCube = 8;
-inline constexpr int kTimerConnectManage = 9;
-inline constexpr int kTimerConnectPlugin = 10;
-inline constexpr int kTimerManageHeartbeat = 13;
-inline constexpr int kTimerManageHbTimeout = 14;
-inline constexpr int kTimerPluginHeartbeat = 15;
-inline constexpr int kTimerPluginHbTimeout = 16;
-inline constexpr int kTimerPluginDisconnect = 17;
-inline constexpr int kTimerManageLocalService = 19;
 
 // A thread id as a number for log lines (pthread_t is an integer or a
 // pointer, depending on the C library).

@@ -12,10 +12,10 @@
 #include <cstring>
 #include <thread>
 
+#include "common/host.h"
 #include "common/log.h"
 #include "common/udp_listeners.h"
 #include "local_helpers.h"
-#include "localsvc/callbacks.h"
 #include "localsvc/quickinstall.h"
 
 namespace {
