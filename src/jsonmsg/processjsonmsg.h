@@ -26,7 +26,6 @@ inline constexpr int kResultFailed = -1;
 inline constexpr int kResultUnsupportedOs = -7;
 inline constexpr int kResultProtected = -14;
 inline constexpr int kResultJobManagerSilent = -100;
-inline constexpr int kAbilityFailed = -101;
 
 }  // namespace qdq
 
