@@ -12,6 +12,7 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "common/ids.h"
 #include "env.h"
 #include "proc.h"
 #include "qdquick/qdquick.h"
@@ -107,7 +108,7 @@ std::vector<Figure> session_rows(const Plan &plan, const std::string &sim_path) 
         const int ret = HGConnectManagePlat(&manageplatinfo);
         const long long t1 = g_connected_ns;
         HGDisconnectPlat(QDQ_PLAT_MANAGE);
-        AppTimerDestory(9);  // the reconnect a disconnect arms
+        AppTimerDestory(qdq::kTimerConnectManage);  // the reconnect a disconnect arms
         if (ret < 1 || t1 == 0) throw std::runtime_error("HGConnectManagePlat returned " + std::to_string(ret));
         return Sample{(t1 - t0) / 1e3};
     };

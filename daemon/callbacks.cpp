@@ -8,6 +8,7 @@
 #include <string>
 
 #include "ability.h"
+#include "common/ids.h"
 #include "events.h"
 #include "quick_install.h"
 #include "say.h"
@@ -16,12 +17,11 @@ namespace qdd {
 
 namespace {
 
-constexpr int kTimerCube = 8;
 constexpr std::size_t kQuickReplySize = 512;
 
 void on_timer(int timerid, int, int, int) {
     try {
-        if (timerid == kTimerCube) post_event({Event::kTimer, 0, timerid, {}});
+        if (timerid == qdq::kTimerConnectCube) post_event({Event::kTimer, 0, timerid, {}});
         else note("timer %d has no action here", timerid);
     } catch (const std::exception &e) {
         note("timer %d: %s", timerid, e.what());

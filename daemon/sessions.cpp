@@ -3,6 +3,7 @@
 #include <atomic>
 #include <mutex>
 
+#include "common/ids.h"
 #include "qdquick/qdquick.h"
 #include "records.h"
 #include "say.h"
@@ -12,9 +13,6 @@ namespace qdd {
 
 namespace {
 
-// Library timer ids: the connect timers of cube (the host's), manage and
-// plugin platform.
-constexpr int kTimerCube = 8, kTimerManage = 9, kTimerPlugin = 10;
 constexpr int kPluginStartDelay = 3;
 
 std::mutex g_mutex;
@@ -75,7 +73,8 @@ void *cube_again_body(void *) {
     // record, session included; one that did not (a silent cube platform)
     // leaves the manage session alone, and it is not connected again.
     refill_if_empty(&manageplatinfo, 2);
-    if (manage_was_registered && manageplatinfo.regflag == 0 && platform_config(2).enabled) arm(1, kTimerManage);
+    if (manage_was_registered && manageplatinfo.regflag == 0 && platform_config(2).enabled)
+        arm(1, qdq::kTimerConnectManage);
     return nullptr;
 }
 
@@ -122,14 +121,14 @@ void sessions_on_status(int plattype, const std::string &status, int) {
         const int seconds = retry_seconds();
         if (plattype == 1 && getSdkDevInfo()->cuberegistered == 0) {
             note("cube platform: next attempt in %d s", seconds);
-            arm(seconds, kTimerCube);
+            arm(seconds, qdq::kTimerConnectCube);
         } else if (plattype == 2) {
             refill_if_empty(&manageplatinfo, 2);
             note("manage platform: next attempt in %d s", seconds);
-            arm(seconds, kTimerManage);
+            arm(seconds, qdq::kTimerConnectManage);
         } else if (plattype == 3 && pluginplatinfo.MgtURL[0] != '\0') {
             note("plugin platform: next attempt in %d s", seconds);
-            arm(seconds, kTimerPlugin);
+            arm(seconds, qdq::kTimerConnectPlugin);
         }
         return;
     }
@@ -141,7 +140,7 @@ void sessions_on_status(int plattype, const std::string &status, int) {
         fill_platform(&pluginplatinfo, platform_config(3));
         say("the manage platform named no plugin platform; using %s",
             record_address(&pluginplatinfo).c_str());
-        arm(kPluginStartDelay, kTimerPlugin);
+        arm(kPluginStartDelay, qdq::kTimerConnectPlugin);
     }
 }
 
@@ -156,7 +155,7 @@ bool sessions_stop(double seconds) {
     HGDisconnectPlat(QDQ_PLAT_MANAGE);
     HGDisconnectPlat(QDQ_PLAT_CUBE);
     // A manage disconnect arms its own reconnect; nothing reconnects now.
-    for (int id : {kTimerCube, kTimerManage, kTimerPlugin}) AppTimerDestory(id);
+    for (int id : {qdq::kTimerConnectCube, qdq::kTimerConnectManage, qdq::kTimerConnectPlugin}) AppTimerDestory(id);
     StopProcessTcpRequest();
     return wait_session_threads(seconds);
 }

@@ -16,6 +16,9 @@
 
 namespace {
 
+// Timer ids with no action in the library, so they come back to on_timer.
+enum DemoTimer { kTimerCube = 8, kTimerHostTick = 30 };
+
 std::atomic<int> g_fired{0};
 auto g_start = std::chrono::steady_clock::now();
 
@@ -48,10 +51,10 @@ int main() {
     std::printf("cube: %s, manage: %s, plugin: %s\n", cubeplatinfo.status, manageplatinfo.status,
                 pluginplatinfo.status);
 
-    AppTimerCreate(1, 8, 0, QdTimeoutHandle);   // one-shot after 1 s
-    AppTimerCreate(2, 30, 1, QdTimeoutHandle);  // every 2 s
+    AppTimerCreate(1, kTimerCube, 0, QdTimeoutHandle);      // one-shot after 1 s
+    AppTimerCreate(2, kTimerHostTick, 1, QdTimeoutHandle);  // every 2 s
     while (g_fired < 3 && elapsed() < 15) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    AppTimerDestory(30);
+    AppTimerDestory(kTimerHostTick);
 
     char digest[33];
     getmd5("abc", digest);

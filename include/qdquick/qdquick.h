@@ -328,8 +328,11 @@ QDQ_API int CreateConnectPluginPlatThread(void);
 
 /* ---- Commands -------------------------------------------------------------- */
 
+/* HGProcessPlatJsonMsg's answer to an ability command that failed: no reply. */
+#define QDQ_ABILITY_FAILED (-101)
+
 /* Answers one JSON command; *out receives a malloc'ed reply the caller frees.
- * Returns the bytes handed out, 0 for no reply, -101 for a failed ability. */
+ * Returns the bytes handed out, 0 for no reply, or QDQ_ABILITY_FAILED. */
 QDQ_API int HGProcessPlatJsonMsg(const char *msg, char **out, int *plattype);
 
 /* ---- Local services -------------------------------------------------------- */

@@ -2,11 +2,11 @@
 // answered Base64-packed.
 #include <cstring>
 
+#include "common/host.h"
 #include "common/json.h"
 #include "common/log.h"
 #include "jsonmsg/cmd_json.h"
 #include "jsonmsg/processjsonmsg.h"
-#include "localsvc/callbacks.h"
 
 namespace {
 

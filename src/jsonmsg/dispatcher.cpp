@@ -207,7 +207,7 @@ int dispatch(const char *msg, char **out, int *plattype) {
         (std::strcmp(method, "SetPlug-inParameterValues") == 0 && type == kPlatLocalUdp)) {
         if (HGProcessAbilityMsg(obj, plattype) == -1) {
             QDQ_LOG("HGProcessAbilityMsg return -1");
-            return qdq::kAbilityFailed;
+            return QDQ_ABILITY_FAILED;
         }
     } else if (type == QDQ_PLAT_MANAGE) {
         for (const ManageRoute &r : kManageRoutes) {

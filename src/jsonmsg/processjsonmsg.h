@@ -26,11 +26,6 @@ inline constexpr int kResultFailed = -1;
 inline constexpr int kResultUnsupportedOs = -7;
 inline constexpr int kResultProtected = -14;
 inline constexpr int kResultJobManagerSilent = -100;
-inline constexpr int kAbilityFailed = -101;
-
-// Timer ids of the command module (actions in QdTimeoutHandle); the
-// connect timers 8, 9 and 10 are the session's (platintf/session.h).
-inline constexpr int kTimerResendReply = 18;
 
 }  // namespace qdq
 

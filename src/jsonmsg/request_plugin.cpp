@@ -4,10 +4,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/host.h"
 #include "common/log.h"
 #include "jsonmsg/cmd_json.h"
 #include "jsonmsg/processjsonmsg.h"
-#include "localsvc/callbacks.h"
 #include "platintf/plat_values.h"
 
 namespace {

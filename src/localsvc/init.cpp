@@ -3,8 +3,8 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "common/host.h"
 #include "common/log.h"
-#include "localsvc/callbacks.h"
 
 quickevcb_t quickevcb;
 

@@ -12,12 +12,13 @@
 #include <string>
 
 #include "common/clock.h"
+#include "common/host.h"
 #include "common/json.h"
 #include "common/log.h"
 #include "common/paths.h"
 #include "common/socket.h"
 #include "common/cancel.h"
-#include "localsvc/callbacks.h"
+#include "common/host.h"
 #include "localsvc/quickinstall.h"
 
 namespace {

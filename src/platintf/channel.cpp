@@ -202,7 +202,7 @@ int HgProcessPlatTcpRequest(char *message, int plattype) {
         QDQ_LOG("heartbeat is not need reply, send buf is NULL, continue\n");
         return 0;
     }
-    if (ret == -101) return 0;
+    if (ret == QDQ_ABILITY_FAILED) return 0;
     if (rec->regflag != 0) {
         qdq::session_send(rec, answer.get());
         return 0;

@@ -9,10 +9,10 @@
 #include <ctime>
 #include <string>
 
+#include "common/host.h"
 #include "common/json.h"
 #include "common/log.h"
 #include "common/paths.h"
-#include "localsvc/callbacks.h"
 #include "platintf/hgprocessplatintf.h"
 #include "platintf/plat_values.h"
 #include "platintf/push.h"
@@ -121,10 +121,10 @@ void take_plugin_server(const cJSON *obj) {
     std::memset(plug.MgtURL, 0, sizeof plug.MgtURL);
     std::snprintf(plug.MgtURL, sizeof plug.MgtURL, "%s", host.c_str());
     QDQ_LOG("*******plugin regist status: %d,plugform change =%d\n", plug.regflag, change);
-    manageplatinfo.nexttimer = 10;
+    manageplatinfo.nexttimer = qdq::kTimerConnectPlugin;
     QDQ_LOG("pluginserver ip:%s  pluginserver port:%d", plug.MgtURL, plug.port);
-    QDQ_LOG("set %d timer, start connect plugin platform", 10);
-    AppTimerCreate(3, 10, 0, QdTimeoutHandle);
+    QDQ_LOG("set %d timer, start connect plugin platform", qdq::kTimerConnectPlugin);
+    AppTimerCreate(3, qdq::kTimerConnectPlugin, 0, QdTimeoutHandle);
 }
 
 // Result 2: the manage platform moves; the configuration is written only
@@ -242,7 +242,7 @@ int ProcessHeartBeatReply(const char *reply, int plattype) {
     QDQ_LOG(manage ? "ProcessHeartBeatReply start!plattype:mang" : "ProcessHeartBeatReply start!plattype:plug");
     int result = -1;
     if (reply != nullptr) {
-        AppTimerDestory(manage ? 14 : 16);
+        AppTimerDestory(manage ? qdq::kTimerManageHbTimeout : qdq::kTimerPluginHbTimeout);
         const cJSON *result_item = nullptr;
         JsonPtr obj = parse_reply(reply, &result_item);
         if (obj) {
@@ -257,7 +257,7 @@ int ProcessHeartBeatReply(const char *reply, int plattype) {
         HgSetPlateStatus(plattype, "try_connect_failed", result);
         if (rec.hbfailnum++ < 2) {
             AppMgrLogLine(qdq::kLogTrace, "MANAGE heartbeat timeout!");
-            AppTimerCreate(1, 13, 0, QdTimeoutHandle);
+            AppTimerCreate(1, qdq::kTimerManageHeartbeat, 0, QdTimeoutHandle);
         } else {
             rec.hbfailnum = 0;  // the third failure in a row: connect anew
             qdq::connect_soon(qdq::kTimerConnectManage, 1);
@@ -265,7 +265,7 @@ int ProcessHeartBeatReply(const char *reply, int plattype) {
         QDQ_LOG("heartbeat num:%d", rec.hbfailnum);
     } else if (result == -1) {
         HgSetPlateStatus(plattype, "disconnect", result);
-        AppTimerCreate(2, 17, 0, QdTimeoutHandle);
+        AppTimerCreate(2, qdq::kTimerPluginDisconnect, 0, QdTimeoutHandle);
         qdq::connect_soon(qdq::kTimerConnectPlugin, 5);
         QDQ_LOG("v******************PLUGINPLAT_DISCONNECT_HANDLE******");
         QDQ_LOG("v******************PLUGINPLAT_BOOT_HANDLE**********");
@@ -278,7 +278,8 @@ int ProcessHeartBeatReply(const char *reply, int plattype) {
         rec.hbfailnum = 0;
         if (manage && rec.firsthb == 1 && result == 0) rec.firsthb = 0;
         record_plat_heartbeat_time(plattype);
-        AppTimerCreate(static_cast<int>(rec.interval), manage ? 13 : 15, 0, QdTimeoutHandle);
+        AppTimerCreate(static_cast<int>(rec.interval),
+                       manage ? qdq::kTimerManageHeartbeat : qdq::kTimerPluginHeartbeat, 0, QdTimeoutHandle);
     }
     // Any other negative answer stops this platform's heartbeat cycle until
     // something else connects it again.

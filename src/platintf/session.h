@@ -6,6 +6,7 @@
 
 #include <pthread.h>
 
+#include "common/ids.h"
 #include "qdquick/qdquick.h"
 
 // What the Boot and Register procedures and the connects return. The
@@ -87,17 +88,6 @@ void *StartProcessConnectPluginPlat(void *);
 extern pthread_mutex_t tcpreq_mutex;
 
 namespace qdq {
-
-// Timer ids of the session.
-inline constexpr int kTimerConnectCube = 8;
-inline constexpr int kTimerConnectManage = 9;
-inline constexpr int kTimerConnectPlugin = 10;
-inline constexpr int kTimerManageHeartbeat = 13;
-inline constexpr int kTimerManageHbTimeout = 14;
-inline constexpr int kTimerPluginHeartbeat = 15;
-inline constexpr int kTimerPluginHbTimeout = 16;
-inline constexpr int kTimerPluginDisconnect = 17;
-inline constexpr int kTimerManageLocalService = 19;
 
 inline bool thread_set(pthread_t t) { return !pthread_equal(t, pthread_t{}); }
 

@@ -6,10 +6,10 @@
 
 #include <string>
 
+#include "common/host.h"
 #include "common/json.h"
 #include "common/log.h"
 #include "common/timer.h"
-#include "localsvc/callbacks.h"
 #include "net_helpers.h"
 #include "platform_double.h"
 

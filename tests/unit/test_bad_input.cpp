@@ -11,10 +11,10 @@
 #include <thread>
 #include <vector>
 
+#include "common/host.h"
 #include "common/thread.h"
 #include "jsonmsg/processjsonmsg.h"
 #include "local_helpers.h"
-#include "localsvc/callbacks.h"
 #include "localsvc/quickinstall.h"
 
 namespace {

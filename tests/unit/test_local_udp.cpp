@@ -13,9 +13,9 @@
 #include <thread>
 
 #include "common/fd_slots.h"
+#include "common/host.h"
 #include "common/log.h"
 #include "local_helpers.h"
-#include "localsvc/callbacks.h"
 #include "localsvc/quickinstall.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "localsvc/callbacks.h"
+#include "common/host.h"
 #include "qdquick/qdquick.h"
 
 namespace {

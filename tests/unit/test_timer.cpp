@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "common/clock.h"
+#include "common/host.h"
 #include "common/timer.h"
-#include "localsvc/callbacks.h"
 #include "platform_double.h"
 
 namespace {

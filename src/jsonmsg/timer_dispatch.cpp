@@ -1,9 +1,12 @@
 // QdTimeoutHandle: the common timer callback, mapping a timer id to its
 // action. Ids without an action go to the host's timer event callback.
+// It sits in jsonmsg, the one layer above both platintf and localsvc whose
+// actions it calls, so that common depends on no layer above it.
+#include "common/host.h"
+#include "common/ids.h"
 #include "common/log.h"
 #include "common/timer.h"
 #include "jsonmsg/processjsonmsg.h"
-#include "localsvc/callbacks.h"
 #include "localsvc/quickinstall.h"
 #include "platintf/session.h"
 
@@ -36,9 +39,9 @@ constexpr TimerAction kTimerActions[] = {
     {qdq::kTimerPluginHeartbeat, qdq::timer_heartbeat},
     {qdq::kTimerPluginHbTimeout, qdq::timer_heartbeat_timeout},
     {qdq::kTimerPluginDisconnect, qdq::disconnect_plugin_if_registered},
-    {18, resend_manage_reply},
-    {19, start_manage_local_service},
-    {28, reboot_gateway},
+    {qdq::kTimerResendReply, resend_manage_reply},
+    {qdq::kTimerManageLocalService, start_manage_local_service},
+    {qdq::kTimerReboot, reboot_gateway},
 };
 
 void host_timer_event(int timerid) {
