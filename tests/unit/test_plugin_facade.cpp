@@ -1,5 +1,5 @@
-// Plugin facade: package format tests, the descriptor reader, uninstall
-// flags, the plugin list, the OSGi cache reset and the plugin process log.
+// Plugin facade: the descriptor reader, the package header check, the plugin
+// list, the OSGi cache reset and the plugin process log.
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -19,18 +19,6 @@
 namespace {
 
 using qdq::plugin::DescResult;
-
-TEST(PluginFacade, FormatTests) {
-    struct {
-        const char *file;
-        int cpk, osgi;
-    } cases[] = {{"plugin.tar.cpk", 0, -1}, {"plugin.CPK", -1, -1}, {"noext", -1, -1},
-                 {"bundle.tar", -1, 0},     {"a.cpk.jar", -1, 0},   {nullptr, 0, 0}};
-    for (const auto &c : cases) {
-        EXPECT_EQ(IsCplugFormat(c.file), c.cpk) << (c.file ? c.file : "null");
-        EXPECT_EQ(IsOSGIFormat(c.file), c.osgi) << (c.file ? c.file : "null");
-    }
-}
 
 DescResult read(const std::string &text, cplugininstinfo &rec) {
     FILE *in = fmemopen(const_cast<char *>(text.data()), text.size(), "r");
@@ -132,15 +120,6 @@ TEST(PluginFacade, PackageHeadersAreReadAsTarReadsThem) {
         EXPECT_EQ(qdq::plugin::check_tar(in, qdq::plugin::package_limits(0)), c.why) << c.what;
         fclose(in);
     }
-}
-
-TEST(PluginFacade, UninstallFlagsAreReadForTheProtectedBundles) {
-    qdq_test::platform().reset();
-    int *flags = HgGetPluginUnistallFlag();
-    EXPECT_EQ(std::vector<int>(flags, flags + 8), std::vector<int>(8, 0));
-    auto reads = qdq_test::platform().calls_named("getcfgx");
-    ASSERT_EQ(reads.size(), 7u);
-    EXPECT_EQ(reads[2], "getcfgx /var/pluginuninstall.txt com.brevanta.varnelo.smartgateway.samba");
 }
 
 TEST(PluginFacade, OsgiFactoryResetRemovesOnlyTheBundlesData) {
