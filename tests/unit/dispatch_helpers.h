@@ -16,6 +16,8 @@
 namespace dt {
 
 const std::string kFailed = "{\n\t\"Result\":\t-1\n}";
+// Resends the manage platform's kept reply until it is acknowledged.
+constexpr int kTimerResend = 18;
 
 struct Reply {
     int ret = 0;

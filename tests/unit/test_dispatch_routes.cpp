@@ -3,10 +3,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
 #include <thread>
 
 #include "common/clock.h"
 #include "dispatch_helpers.h"
+#include "platintf/session.h"
 #include "plugin/local_origin.h"
 #include "sim_process.h"
 
@@ -18,26 +20,49 @@ namespace {
 using Routes = dt::Dispatch;
 using dt::kFailed;
 
+// A reply of the manage platform, the state it meets and what it leaves.
+struct ManageReply {
+    explicit ManageReply(const char *text) : msg(text) {}
+    ManageReply &awaiting_ack(int timer) { return ack_pending = 1, next_timer = timer, *this; }
+    ManageReply &next(int timer) { return next_timer = timer, *this; }
+    ManageReply &arms(int timer, int seconds) { return armed[timer] = seconds, *this; }
+    ManageReply &keeps_resend() { return armed[dt::kTimerResend] = 5, *this; }  // of the kept reply
+    ManageReply &still_awaits_ack() { return ack_pending_after = 1, *this; }
+
+    const char *msg;
+    int ack_pending = 0, next_timer = 0;  // srvreplyflag and manageplatinfo.nexttimer before
+    std::map<int, int> armed;             // of the timers below: id -> seconds
+    int ack_pending_after = 0;
+};
+
 TEST_F(Routes, ManagePlatformRepliesAckAndHeartbeat) {
-    struct { const char *msg; int flag, nexttimer, t9, t10, t13, t18, flag_after; } cases[] = {
-        {R"({"Result":1})", 1, 10, -1, 1, -1, -1, 0},  // ack: start the pending timer
-        {R"({"Result":1})", 0, 10, -1, -1, -1, -1, 0}, // nothing was pending
-        {R"({"Result":-1})", 1, 10, 1, -1, -1, -1, 0}, // refused: reconnect manage
-        {R"({"Result":2})", 1, 10, -1, -1, -1, 5, 1},  // dropped
-        {R"({"Result":0,"Interval":7,"RPCMethod":"Install"})", 1, 0, -1, -1, 7, 5, 1},  // heartbeat
-        {R"({"Result":-3})", 0, 0, 1, -1, -1, 5, 0}, {R"({"Result":-5})", 0, 0, 1, -1, -1, 5, 0},
+    const ManageReply cases[] = {
+        ManageReply(R"({"Result":1})").awaiting_ack(qdq::kTimerConnectPlugin).arms(qdq::kTimerConnectPlugin, 1),
+        ManageReply(R"({"Result":1})").next(qdq::kTimerConnectPlugin),  // nothing was pending
+        ManageReply(R"({"Result":-1})").awaiting_ack(qdq::kTimerConnectPlugin).arms(qdq::kTimerConnectManage, 1),
+        ManageReply(R"({"Result":2})").awaiting_ack(qdq::kTimerConnectPlugin).keeps_resend().still_awaits_ack(),  // dropped
+        ManageReply(R"({"Result":0,"Interval":7,"RPCMethod":"Install"})")  // heartbeat
+            .awaiting_ack(0).arms(qdq::kTimerManageHeartbeat, 7).keeps_resend().still_awaits_ack(),
+        ManageReply(R"({"Result":-3})").arms(qdq::kTimerConnectManage, 1).keeps_resend(),
+        ManageReply(R"({"Result":-5})").arms(qdq::kTimerConnectManage, 1).keeps_resend(),
     };
+    const int watched[] = {qdq::kTimerConnectManage, qdq::kTimerConnectPlugin, qdq::kTimerManageHeartbeat,
+                           dt::kTimerResend};
     for (const auto &c : cases) {
         SetUp();
-        srvreplyflag = c.flag, platresendnum = 3, manageplatinfo.nexttimer = static_cast<signed char>(c.nexttimer);
-        AppTimerCreate(5, 18, 0, QdTimeoutHandle);
+        srvreplyflag = c.ack_pending, platresendnum = 3;
+        manageplatinfo.nexttimer = static_cast<signed char>(c.next_timer);
+        AppTimerCreate(5, dt::kTimerResend, 0, QdTimeoutHandle);
         dt::Reply r = run(c.msg, 2);
         SCOPED_TRACE(c.msg);
         EXPECT_EQ(r.ret, 0);
         EXPECT_EQ(r.text, "");
-        EXPECT_EQ(std::vector<int>({armed(9), armed(10), armed(13), armed(18)}), std::vector<int>({c.t9, c.t10, c.t13, c.t18}));
-        EXPECT_EQ(srvreplyflag, c.flag_after);
-        EXPECT_EQ(platresendnum, c.t18 < 0 ? 0 : 3);
+        std::map<int, int> timers;
+        for (int id : watched)
+            if (armed(id) >= 0) timers[id] = armed(id);
+        EXPECT_EQ(timers, c.armed);
+        EXPECT_EQ(srvreplyflag, c.ack_pending_after);
+        EXPECT_EQ(platresendnum, c.armed.count(dt::kTimerResend) ? 3 : 0);
     }
     // The plugin platform's replies are silent; from elsewhere "Result" is ignored.
     EXPECT_EQ(run(R"({"Result":1,"RPCMethod":"UnInstall","Plugin_Name":"a","Version":"1"})", 3).ret, 0);
@@ -79,8 +104,6 @@ TEST_F(Routes, CommandsAreAnsweredRefusedOrEchoed) {
         EXPECT_EQ(r.ret, static_cast<int>(r.text.size()) + 1);
     }
     EXPECT_EQ(run("", 3, true).text, kFailed);  // no text at all
-    qdq::sleep_for(6);
-    EXPECT_FALSE(net::logged(qdq::kLogMain, "HgProcessPlugPush start"));  // no push thread for OS 3
 }
 
 std::vector<std::string> g_hooked;  // "<hook> <name>" per plugin hook call
