@@ -10,7 +10,6 @@
 #include "dispatch_helpers.h"
 #include "platintf/session.h"
 #include "plugin/local_origin.h"
-#include "sim_process.h"
 
 using dt::armed;
 using dt::run;
@@ -146,21 +145,6 @@ TEST_F(Routes, LocalPluginOrdersActOnlyWhenTheHostAllowsThem) {
     // Only the install a local client ordered is marked for confinement.
     EXPECT_TRUE(qdq::plugin_local_origin("com.l.p"));
     EXPECT_FALSE(qdq::plugin_local_origin("com.l.q"));
-}
-
-TEST_F(Routes, LocalEventIsPushedOnItsOwnThreadAndVerified) {
-    qdq_test::SimProcess sim({"--serial", "SN7"});
-    ASSERT_TRUE(sim.ready());
-    std::snprintf(deviceinfo.devsn, sizeof deviceinfo.devsn, "SN7");
-    std::snprintf(messageserver.addr, sizeof messageserver.addr, "127.0.0.1");
-    messageserver.port = sim.port("message");
-    manageplatinfo.regflag = 1;
-    EXPECT_EQ(run(R"({"RPCMethod":"EVENT_INFOR","Event":"door open"})", 5).text, "{\n\t\"Result\":\t0\n}");
-    // The message server checks the signature on its own.
-    size_t verified = 0;
-    for (int waited = 0; verified == 0 && waited < 5000 * qdq_test::slowdown(); waited += 10, usleep(10 * 1000))
-        verified = sim.records_with({"\"signature_ok\": true", "door open"}).size();
-    EXPECT_EQ(verified, 1u);
 }
 
 // One test owns the job manager's port, so parallel test processes never
