@@ -119,7 +119,7 @@ private:
     std::thread thread_;
 };
 
-long open_fds() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
+using qdq_test::open_fds;
 
 class HttpsSender : public ::testing::Test {
 protected:

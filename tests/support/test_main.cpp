@@ -8,7 +8,9 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 
@@ -34,6 +36,8 @@ void write_file(const std::string &file, const std::string &content) {
     std::ofstream out(file, std::ios::binary | std::ios::trunc);
     out << content;
 }
+
+long open_fds() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
 double time_scale() { return env_number("QDQUICK_TIME_SCALE", 1.0); }
 double slowdown() { return std::max(1.0, env_number("QDQ_TEST_SLOWDOWN", 1.0)); }

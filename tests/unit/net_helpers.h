@@ -5,8 +5,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <filesystem>
-#include <iterator>
 #include <string>
 
 #include "common/socket.h"
@@ -14,9 +12,7 @@
 
 namespace net {
 
-inline long open_fds() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
+using qdq_test::open_fds;
 
 // The port of an IPv4 or IPv6 address (the same place in both).
 inline unsigned port_in(const sockaddr_storage &a) {
