@@ -47,7 +47,12 @@ public:
         std::vector<std::string> pieces;
         bool tls = true, silent = false, handshake = true;
         const char *address = "127.0.0.1";
+        Plan &plain() { return tls = false, *this; }
+        Plan &stays_silent() { return silent = true, *this; }
+        Plan &no_handshake() { return handshake = false, *this; }
+        Plan &at(const char *a) { return address = a, *this; }
     };
+    static Plan writing(std::vector<std::string> pieces) { return Plan{std::move(pieces)}; }
     explicit Server(Plan plan) : plan_(std::move(plan)) {
         fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in a{};
@@ -114,7 +119,7 @@ private:
     std::thread thread_;
 };
 
-long open_fds() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
+using qdq_test::open_fds;
 
 class HttpsSender : public ::testing::Test {
 protected:
@@ -153,7 +158,7 @@ TEST_F(HttpsSender, ReadsEveryBodyFramingWholeAndCutsAtTheBuffer) {
     };
     for (const char *host : {"127.0.0.1", "localhost"}) {
         for (const Case &c : cases) {
-            Server server({c.pieces});
+            Server server(Server::writing(c.pieces));
             ASSERT_EQ(send(host, server.port()), 0) << host << "\n" << err;
             EXPECT_EQ(std::string(reply), c.expected);
             EXPECT_EQ(server.received(), kRequest);
@@ -170,14 +175,14 @@ TEST_F(HttpsSender, FailsInTimeAndRefusesUnverifiedServersBeforeSending) {
         std::string ca;      // "" = the system trust store only
         const char *reason;  // "" = not a verification failure
     } cases[] = {
-        {{{kAnswer}}, "", "certificate verification failed: self-signed certificate"},
-        {{{kAnswer}, true, false, true, "127.0.0.2"}, ca, "certificate verification failed: IP address mismatch"},
-        {{{kAnswer}}, "/nonexistent/ca.pem", "cannot load CA file"},
-        {{{}, true, true, true}, ca, ""},   // handshake, then nothing
-        {{{}, true, true, false}, ca, ""},  // never answers the handshake
-        {{{kHead + "Content-Length: 100\r\n\r\n{\"a\""}}, ca, ""},  // closes early
-        {{{kHead + "Transfer-Encoding: chunked\r\n\r\nzz\r\n"}}, ca, ""},
-        {{{kAnswer}, false}, ca, ""},  // plain TCP: TLS is the default
+        {Server::writing({kAnswer}), "", "certificate verification failed: self-signed certificate"},
+        {Server::writing({kAnswer}).at("127.0.0.2"), ca, "certificate verification failed: IP address mismatch"},
+        {Server::writing({kAnswer}), "/nonexistent/ca.pem", "cannot load CA file"},
+        {Server::writing({}).stays_silent(), ca, ""},  // handshake, then nothing
+        {Server::writing({}).stays_silent().no_handshake(), ca, ""},  // never answers the handshake
+        {Server::writing({kHead + "Content-Length: 100\r\n\r\n{\"a\""}), ca, ""},  // closes early
+        {Server::writing({kHead + "Transfer-Encoding: chunked\r\n\r\nzz\r\n"}), ca, ""},
+        {Server::writing({kAnswer}).plain(), ca, ""},  // plain TCP: TLS is the default
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(&c - cases);
@@ -198,7 +203,7 @@ TEST_F(HttpsSender, FailsInTimeAndRefusesUnverifiedServersBeforeSending) {
 TEST_F(HttpsSender, PlainTcpWhenConfiguredAndCaFileFromConfigFile) {
     setenv("QDPLATFORM_APPSTORE_PLAIN", "1", 1);
     {
-        Server server({{kAnswer}, false});
+        Server server(Server::writing({kAnswer}).plain());
         ASSERT_EQ(send("127.0.0.1", server.port()), 0);
         EXPECT_EQ(std::string(reply), kAnswer);
         EXPECT_EQ(server.received(), kRequest);
@@ -207,7 +212,7 @@ TEST_F(HttpsSender, PlainTcpWhenConfiguredAndCaFileFromConfigFile) {
     unsetenv("QDPLATFORM_CA_FILE");  // now from the configuration file
     std::filesystem::create_directories(qdq_test::in_root("/etc/qdplatform"));
     qdq_test::write_file(qdq_test::in_root("/etc/qdplatform/appstore.conf"), "ca_file=/certs/cert.pem\n");
-    Server server({{kAnswer}});
+    Server server(Server::writing({kAnswer}));
     EXPECT_EQ(send("127.0.0.1", server.port()), 0) << err;
     std::filesystem::remove(qdq_test::in_root("/etc/qdplatform/appstore.conf"));
 }

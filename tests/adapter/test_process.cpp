@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -18,9 +17,7 @@ using qdq_test::read_file;
 
 namespace {
 
-long open_fds() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
+using qdq_test::open_fds;
 
 TEST(RunSystemCmd, PassesWordsVerbatimReturnsStatusRedirectsAndLeaksNoDescriptor) {
     const long before = open_fds();

@@ -16,6 +16,9 @@ std::string in_root(const std::string &fixed);
 std::string read_file(const std::string &file);
 void write_file(const std::string &file, const std::string &content);
 
+// Descriptors this process holds open, less the library's kept log files.
+long open_fds();
+
 // The time scale this process runs with (QDQUICK_TIME_SCALE).
 double time_scale();
 

@@ -124,6 +124,9 @@ void *manage_session(void *) {
     return nullptr;
 }
 
+// The cube connect timer: an id the library hands to the host's timer event.
+constexpr int kCubeConnectTimer = 8;
+
 TEST(Memory, AllServicesRunWithinTheRouterBound) {
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the sanitizer's shadow memory makes the figures meaningless";
@@ -136,7 +139,7 @@ TEST(Memory, AllServicesRunWithinTheRouterBound) {
     callbacks.platdistri = on_distri;
     callbacks.quickinstall = on_quick;
     ASSERT_EQ(initQdQuick(&callbacks), 0);
-    ASSERT_EQ(AppTimerCreate(1, 8, 1, QdTimeoutHandle), 0);  // expiry threads come and go
+    ASSERT_EQ(AppTimerCreate(1, kCubeConnectTimer, 1, QdTimeoutHandle), 0);  // expiry threads come and go
     manageplatinfo.localport = 18402;
     cubeplatinfo.localsrvport = 18998;
     for (int *type : {&g_manage, &g_udp, &g_quick}) ASSERT_EQ(CreatePrecessUdpReqThread(type), 0);

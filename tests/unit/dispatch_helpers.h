@@ -7,6 +7,7 @@
 #include <string>
 
 #include "common/host.h"
+#include "common/ids.h"
 #include "common/json.h"
 #include "common/log.h"
 #include "common/timer.h"

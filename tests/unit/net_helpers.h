@@ -5,8 +5,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <filesystem>
-#include <iterator>
 #include <string>
 
 #include "common/socket.h"
@@ -14,20 +12,7 @@
 
 namespace net {
 
-// Open descriptors, less the log's own: the library keeps one per log file
-// (regular files directly in the root's /var), opened by whichever line
-// came first, so a scenario that logs a first line would otherwise count it
-// as a leak. Sockets, pipes and every other file still count.
-inline long open_fds() {
-    const std::filesystem::path logs = qdq_test::in_root("/var");
-    long n = 0;
-    for (const auto &fd : std::filesystem::directory_iterator("/proc/self/fd")) {
-        std::error_code ec;
-        const std::filesystem::path target = std::filesystem::read_symlink(fd.path(), ec);
-        n += ec || target.parent_path() != logs || !std::filesystem::is_regular_file(fd.path(), ec);
-    }
-    return n;
-}
+using qdq_test::open_fds;
 
 // The port of an IPv4 or IPv6 address (the same place in both).
 inline unsigned port_in(const sockaddr_storage &a) {

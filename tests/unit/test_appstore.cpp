@@ -80,24 +80,34 @@ TEST_F(AppStore, RequestThatDoesNotFitOrForgesHeadersLeavesTheBufferAsItWas) {
 
 TEST_F(AppStore, TokenReplies) {
     const int kAny = -1000;  // an over-long number: its value is not checked
+    // A token reply and what it leaves in the token record.
     struct Case {
+        Case(std::string text, int rc) : reply(std::move(text)), rc(rc) {}
+        Case &grants(std::string t, std::string s, int expires) {
+            return token = std::move(t), scope = std::move(s), expire = expires, auth = 0, *this;
+        }
+        Case &refuses(const char *e, const char *d) { return error = e, description = d, *this; }
+
         std::string reply;
-        int rc, auth;
+        int rc, auth = 1;  // auth: authResult, 0 when a token was granted
         std::string token, scope;
-        const char *error, *description;
-        int expire;
-    } cases[] = {
-        {"HTTP/1.1 200 OK\r\n\r\n{\"access_token\":\"T1\",\"expire_in\":\"7200\",\"scope\":\"s\"}", 0, 0, "T1", "s", "", "", 7200},
-        {"{\"access_token\":\"T2\",\"expire_in\":3600,\"scope\":\"s\"}", 0, 0, "T2", "s", "", "", 0},
-        {"{\"access_token\":\"T3\",\"scope\":\"s\"}", -1, 0, "T3", "s", "", "", 0},
-        {"{\"access_token\":\"T4\",\"expire_in\":\"5\"}", -1, 0, "T4", "", "", "", 5},
-        {"HTTP/1.1 400 Bad\r\n\r\n{\"error\":\"invalid_grant\",\"error_description\":\"no\"}", 0, 1, "", "", "invalid_grant", "no", 0},
-        {"{\"error\":\"e\"}", -1, 1, "", "", "e", "", 0},
-        {"{\"other\":1}", -1, 1, "", "", "", "", 0},
-        {"HTTP/1.1 502 Bad Gateway\r\n\r\n<html>", -1, 1, "", "", "", "", 0},
-        {"{\"access_token\":\"" + std::string(3000, 'a') + "\",\"expire_in\":\"" + std::string(100, '9') +
-             "\",\"scope\":\"" + std::string(500, 's') + "\"}",
-         0, 0, std::string(1023, 'a'), std::string(127, 's'), "", "", kAny},
+        const char *error = "", *description = "";
+        int expire = 0;
+    };
+    const Case cases[] = {
+        Case("HTTP/1.1 200 OK\r\n\r\n{\"access_token\":\"T1\",\"expire_in\":\"7200\",\"scope\":\"s\"}", 0)
+            .grants("T1", "s", 7200),
+        Case("{\"access_token\":\"T2\",\"expire_in\":3600,\"scope\":\"s\"}", 0).grants("T2", "s", 0),
+        Case("{\"access_token\":\"T3\",\"scope\":\"s\"}", -1).grants("T3", "s", 0),
+        Case("{\"access_token\":\"T4\",\"expire_in\":\"5\"}", -1).grants("T4", "", 5),
+        Case("HTTP/1.1 400 Bad\r\n\r\n{\"error\":\"invalid_grant\",\"error_description\":\"no\"}", 0)
+            .refuses("invalid_grant", "no"),
+        Case("{\"error\":\"e\"}", -1).refuses("e", ""),
+        Case("{\"other\":1}", -1),
+        Case("HTTP/1.1 502 Bad Gateway\r\n\r\n<html>", -1),
+        Case("{\"access_token\":\"" + std::string(3000, 'a') + "\",\"expire_in\":\"" + std::string(100, '9') +
+                 "\",\"scope\":\"" + std::string(500, 's') + "\"}", 0)
+            .grants(std::string(1023, 'a'), std::string(127, 's'), kAny),
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.reply.substr(0, 60));

@@ -1,6 +1,6 @@
 // Digests and codecs against published vectors (RFC 1321's suite, RFC 4648
-// section 10, FIPS-197 / SP 800-38A AES-256) and cross-checked against
-// independent tools (openssl, coreutils' base64) on the same bytes; the
+// section 10, FIPS-197 / SP 800-38A AES-256) and cross-checked against an
+// independent tool (openssl, coreutils' base64) on the same bytes; the
 // decoders also get hostile text (meant to run under the sanitizers too).
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -68,15 +68,12 @@ TEST(Md5, Rfc1321Suite) {
     }
 }
 
-TEST(Md5, PaddingBoundariesAndSplitUpdatesMatchOpensslAndCoreutils) {
+TEST(Md5, PaddingBoundariesAndSplitUpdatesMatchOpenssl) {
     for (size_t len : {1, 55, 56, 57, 63, 64, 65, 119, 120, 300}) {
         const std::string text = random_bytes(len, static_cast<unsigned>(len), 1, 255);
         auto tool = run_tool("openssl dgst -md5 -r", text);  // "<hex> *stdin"
         if (!tool) GTEST_SKIP() << "openssl tool not available";
         const std::string want = tool->substr(0, 32);
-        if (auto second = run_tool("md5sum", text)) {  // coreutils
-            EXPECT_EQ(second->substr(0, 32), want) << len;
-        }
         const auto *p = reinterpret_cast<const unsigned char *>(text.data());
         for (size_t split = 0; split <= len; split += 7) {  // two updates, then the rest
             MD5_CONTEXT ctx;
@@ -113,7 +110,7 @@ TEST(Base64, Rfc4648VectorsBothWaysAndBothVariants) {
     EXPECT_FALSE(encode2(""));
 }
 
-TEST(Base64, CountedVariantsRoundTripEveryByteValueAndMatchCoreutilsAndOpenssl) {
+TEST(Base64, CountedVariantsRoundTripEveryByteValueAndMatchCoreutils) {
     std::string all;
     for (int i = 0; i < 512; i++) all += static_cast<char>(i & 0xff);
     for (size_t len : {1, 2, 3, 4, 5, 6, 57, 58, 59, 256, 511, 512}) {  // every padding, every byte value
@@ -121,9 +118,6 @@ TEST(Base64, CountedVariantsRoundTripEveryByteValueAndMatchCoreutilsAndOpenssl) 
         auto want = run_tool("base64 -w0", data);
         if (!want) GTEST_SKIP() << "base64 tool not available";
         EXPECT_EQ(std::string(encode2(data).get()), *want) << len;
-        if (auto second = run_tool("openssl base64 -A", data)) {  // ends its line
-            EXPECT_EQ(second->substr(0, second->find_last_not_of('\n') + 1), *want) << len;
-        }
         int size = 0;
         auto back = own(base64_decode2(want->c_str(), &size));
         ASSERT_EQ(size, static_cast<int>(len) + 1);  // the terminator is counted

@@ -10,6 +10,7 @@
 #include "dispatch_helpers.h"
 #include "plugin/install_push.h"
 #include "jsonmsg/processjsonmsg.h"
+#include "platintf/session.h"
 
 using dt::armed;
 using dt::run;
@@ -72,7 +73,9 @@ TEST_F(Orders, RequestPluginKeyRotationRepeatAndBusy) {
     EXPECT_EQ(r.text, "{\n\t\"ID\":\t5,\n\t\"Result\":\t0,\n\t\"DevRND\":\t\"" + rnd + "\"\n}");
     EXPECT_EQ(rnd.size(), 32u);
     EXPECT_EQ(std::string(pluginplatinfo.MgtURL) + ":" + std::to_string(pluginplatinfo.port), "10.1.1.1:9001");
-    EXPECT_EQ(std::vector<int>({srvreplyflag, armed(18), manageplatinfo.nexttimer}), std::vector<int>({1, 5, 10}));
+    EXPECT_EQ(srvreplyflag, 1);  // the reply is kept and resent until acknowledged
+    EXPECT_EQ(armed(qdq::kTimerResendReply), 5);
+    EXPECT_EQ(manageplatinfo.nexttimer, qdq::kTimerConnectPlugin);
     EXPECT_EQ(platreplybuf, r.text);
 
     // Busy, then (after the ack) repeated: success with the same random, no action.
@@ -82,7 +85,7 @@ TEST_F(Orders, RequestPluginKeyRotationRepeatAndBusy) {
         EXPECT_EQ(run(order("RequestPlug-in", key), 2).text, r.text);
         EXPECT_STREQ(pluginplatinfo.MgtURL, "");
     }
-    EXPECT_EQ(armed(10), 1);  // the ack started the plugin connect
+    EXPECT_EQ(armed(qdq::kTimerConnectPlugin), 1);  // the ack started the plugin connect
 
     // The old random no longer signs, nor does a lower-case key; the new one does.
     std::string lower = md5(rnd + "SN123");
@@ -92,20 +95,25 @@ TEST_F(Orders, RequestPluginKeyRotationRepeatAndBusy) {
         std::snprintf(manageplatinfo.devrnd, sizeof manageplatinfo.devrnd, "%s", rnd.c_str());
         dt::Reply no = run(k.empty() ? R"({"RPCMethod":"RequestPlug-in"})" : order("RequestPlug-in", k), 2);
         EXPECT_EQ(no.text, k.empty() ? dt::kFailed : "{\n\t\"ID\":\t5,\n\t\"Result\":\t-1\n}");
-        EXPECT_EQ(std::vector<int>({srvreplyflag, armed(9), armed(18)}), std::vector<int>({0, 2, -1}));
+        EXPECT_EQ(srvreplyflag, 0);
+        EXPECT_EQ(armed(qdq::kTimerConnectManage), 2);
+        EXPECT_EQ(armed(qdq::kTimerResendReply), -1);
     }
     EXPECT_EQ(run(order("RequestPlug-in", md5(rnd + "SN123")), 2).result(), 0);
 }
 
 TEST_F(Orders, RequestDistriMovesThePlatformByMode) {
     struct { const char *mode, *host_saw; int nexttimer; } cases[] = {
-        {"", "1 cube 10.1.1.1", 8}, {",\"mode\":\"1\"", "2 manage 10.1.1.1", 9}, {",\"mode\":2", "2 cube 10.1.1.1", 9}};
+        {"", "1 cube 10.1.1.1", qdq::kTimerConnectCube},
+        {",\"mode\":\"1\"", "2 manage 10.1.1.1", qdq::kTimerConnectManage},
+        {",\"mode\":2", "2 cube 10.1.1.1", qdq::kTimerConnectManage}};
     for (const auto &c : cases) {
         SetUp();
         dt::Reply r = run(order("RequestDistri", md5("OLDRNDSN123"), c.mode), 2);
         EXPECT_EQ(r.text, "{\n\t\"ID\":\t5,\n\t\"Result\":\t0,\n\t\"DevRND\":\t\"" + std::string(manageplatinfo.devrnd) + "\"\n}");
         EXPECT_EQ(g_seen, std::vector<std::string>{c.host_saw});
-        EXPECT_EQ(std::vector<int>({manageplatinfo.nexttimer, armed(18)}), std::vector<int>({c.nexttimer, 5}));
+        EXPECT_EQ(manageplatinfo.nexttimer, c.nexttimer);
+        EXPECT_EQ(armed(qdq::kTimerResendReply), 5);
         EXPECT_STREQ(platreplybuf, "");  // only the RequestPlug-in reply is kept
     }
     EXPECT_EQ(cubeplatinfo.port, 9001u);
@@ -131,39 +139,29 @@ TEST_F(Orders, AcceptedOrdersKeepTheRecordForBrokenAddressOrPort) {
     }
 }
 
-TEST_F(Orders, ResendOverUdpAndTcpGivesUpAfterFour) {
-    qdq::Fd plat = net::bound(SOCK_DGRAM);
-    std::snprintf(manageplatinfo.curip, sizeof manageplatinfo.curip, "127.0.0.1");
-    manageplatinfo.port = net::port_of(plat.get());
-    std::snprintf(platreplybuf, sizeof platreplybuf, "{\"Result\":0}");
-    for (int n = 1; n <= 4; ++n) {
-        AppTimerDestory(18);  // as if it had fired
-        QdTimeoutHandle(18);
-        char buf[256] = "";
-        ASSERT_TRUE(net::wait_in(plat.get()));
-        EXPECT_EQ(recv(plat.get(), buf, sizeof buf, 0), 12);
-        EXPECT_STREQ(buf, "{\"Result\":0}");
-        EXPECT_EQ(std::vector<int>({platresendnum, armed(18), armed(9)}),
-                  std::vector<int>({n % 4, n < 4 ? 60 : -1, n < 4 ? -1 : 2}));
-    }
-    EXPECT_STREQ(platreplybuf, "");
-
+// Over UDP the four resends and the reconnect after them are timed end to
+// end (tests/e2e/test_orders.py); here the TCP paths.
+TEST_F(Orders, ResendOverTcpOnTheChannelOrANewConnection) {
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
     qdq::Fd near(pair[0]), far(pair[1]);
-    manageplatinfo.tcpflag = 1, manageplatinfo.socketfd = near.get(), platreplybuf[0] = '{', platreplybuf[1] = '}';
+    manageplatinfo.tcpflag = 1, manageplatinfo.socketfd = near.get();
+    std::snprintf(platreplybuf, sizeof platreplybuf, "{}");
     HGResendManagePlatReply();
     EXPECT_EQ(net::read_n(far.get(), 6), net::frame("{}"));
     EXPECT_NE(fcntl(near.get(), F_GETFD), -1);  // the channel's socket stays open
     run(R"({"Result":1})", 2);
-    EXPECT_EQ(std::vector<int>({platresendnum, armed(18)}), std::vector<int>({0, -1}));
+    EXPECT_EQ(platresendnum, 0);
+    EXPECT_EQ(armed(qdq::kTimerResendReply), -1);
 
     // No connection kept: the TCP request client makes one for the resend,
     // and the platform's acknowledgement on it is handled at once.
     qdq::Fd server = net::bound(SOCK_STREAM, true);
     manageplatinfo.socketfd = -1, manageplatinfo.port = net::port_of(server.get());
-    manageplatinfo.nexttimer = 10, srvreplyflag = 1;
+    std::snprintf(manageplatinfo.curip, sizeof manageplatinfo.curip, "127.0.0.1");
+    manageplatinfo.nexttimer = qdq::kTimerConnectPlugin, srvreplyflag = 1;
     std::thread platform([&] {
+        ASSERT_TRUE(net::wait_in(server.get())) << "no connection for the resend";
         qdq::Fd conn(accept(server.get(), nullptr, nullptr));
         EXPECT_EQ(net::read_n(conn.get(), 6), net::frame("{}"));
         const std::string ack = net::frame(R"({"Result":1})");
@@ -171,8 +169,10 @@ TEST_F(Orders, ResendOverUdpAndTcpGivesUpAfterFour) {
     });
     HGResendManagePlatReply();
     platform.join();
-    EXPECT_EQ(std::vector<int>({platresendnum, armed(18), armed(10), manageplatinfo.socketfd}),
-              std::vector<int>({0, -1, 1, -1}));
+    EXPECT_EQ(platresendnum, 0);
+    EXPECT_EQ(armed(qdq::kTimerResendReply), -1);
+    EXPECT_EQ(armed(qdq::kTimerConnectPlugin), 1);  // the acknowledged order goes on
+    EXPECT_EQ(manageplatinfo.socketfd, -1);
 }
 
 // What the plugin facade handed to the host's hooks, texts quoted.

@@ -3,12 +3,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
 #include <thread>
 
 #include "common/clock.h"
 #include "dispatch_helpers.h"
+#include "platintf/session.h"
 #include "plugin/local_origin.h"
-#include "sim_process.h"
 
 using dt::armed;
 using dt::run;
@@ -18,26 +19,49 @@ namespace {
 using Routes = dt::Dispatch;
 using dt::kFailed;
 
+// A reply of the manage platform, the state it meets and what it leaves.
+struct ManageReply {
+    explicit ManageReply(const char *text) : msg(text) {}
+    ManageReply &awaiting_ack(int timer) { return ack_pending = 1, next_timer = timer, *this; }
+    ManageReply &next(int timer) { return next_timer = timer, *this; }
+    ManageReply &arms(int timer, int seconds) { return armed[timer] = seconds, *this; }
+    ManageReply &keeps_resend() { return armed[qdq::kTimerResendReply] = 5, *this; }  // of the kept reply
+    ManageReply &still_awaits_ack() { return ack_pending_after = 1, *this; }
+
+    const char *msg;
+    int ack_pending = 0, next_timer = 0;  // srvreplyflag and manageplatinfo.nexttimer before
+    std::map<int, int> armed;             // of the timers below: id -> seconds
+    int ack_pending_after = 0;
+};
+
 TEST_F(Routes, ManagePlatformRepliesAckAndHeartbeat) {
-    struct { const char *msg; int flag, nexttimer, t9, t10, t13, t18, flag_after; } cases[] = {
-        {R"({"Result":1})", 1, 10, -1, 1, -1, -1, 0},  // ack: start the pending timer
-        {R"({"Result":1})", 0, 10, -1, -1, -1, -1, 0}, // nothing was pending
-        {R"({"Result":-1})", 1, 10, 1, -1, -1, -1, 0}, // refused: reconnect manage
-        {R"({"Result":2})", 1, 10, -1, -1, -1, 5, 1},  // dropped
-        {R"({"Result":0,"Interval":7,"RPCMethod":"Install"})", 1, 0, -1, -1, 7, 5, 1},  // heartbeat
-        {R"({"Result":-3})", 0, 0, 1, -1, -1, 5, 0}, {R"({"Result":-5})", 0, 0, 1, -1, -1, 5, 0},
+    const ManageReply cases[] = {
+        ManageReply(R"({"Result":1})").awaiting_ack(qdq::kTimerConnectPlugin).arms(qdq::kTimerConnectPlugin, 1),
+        ManageReply(R"({"Result":1})").next(qdq::kTimerConnectPlugin),  // nothing was pending
+        ManageReply(R"({"Result":-1})").awaiting_ack(qdq::kTimerConnectPlugin).arms(qdq::kTimerConnectManage, 1),
+        ManageReply(R"({"Result":2})").awaiting_ack(qdq::kTimerConnectPlugin).keeps_resend().still_awaits_ack(),  // dropped
+        ManageReply(R"({"Result":0,"Interval":7,"RPCMethod":"Install"})")  // heartbeat
+            .awaiting_ack(0).arms(qdq::kTimerManageHeartbeat, 7).keeps_resend().still_awaits_ack(),
+        ManageReply(R"({"Result":-3})").arms(qdq::kTimerConnectManage, 1).keeps_resend(),
+        ManageReply(R"({"Result":-5})").arms(qdq::kTimerConnectManage, 1).keeps_resend(),
     };
+    const int watched[] = {qdq::kTimerConnectManage, qdq::kTimerConnectPlugin, qdq::kTimerManageHeartbeat,
+                           qdq::kTimerResendReply};
     for (const auto &c : cases) {
         SetUp();
-        srvreplyflag = c.flag, platresendnum = 3, manageplatinfo.nexttimer = static_cast<signed char>(c.nexttimer);
-        AppTimerCreate(5, 18, 0, QdTimeoutHandle);
+        srvreplyflag = c.ack_pending, platresendnum = 3;
+        manageplatinfo.nexttimer = static_cast<signed char>(c.next_timer);
+        AppTimerCreate(5, qdq::kTimerResendReply, 0, QdTimeoutHandle);
         dt::Reply r = run(c.msg, 2);
         SCOPED_TRACE(c.msg);
         EXPECT_EQ(r.ret, 0);
         EXPECT_EQ(r.text, "");
-        EXPECT_EQ(std::vector<int>({armed(9), armed(10), armed(13), armed(18)}), std::vector<int>({c.t9, c.t10, c.t13, c.t18}));
-        EXPECT_EQ(srvreplyflag, c.flag_after);
-        EXPECT_EQ(platresendnum, c.t18 < 0 ? 0 : 3);
+        std::map<int, int> timers;
+        for (int id : watched)
+            if (armed(id) >= 0) timers[id] = armed(id);
+        EXPECT_EQ(timers, c.armed);
+        EXPECT_EQ(srvreplyflag, c.ack_pending_after);
+        EXPECT_EQ(platresendnum, c.armed.count(qdq::kTimerResendReply) ? 3 : 0);
     }
     // The plugin platform's replies are silent; from elsewhere "Result" is ignored.
     EXPECT_EQ(run(R"({"Result":1,"RPCMethod":"UnInstall","Plugin_Name":"a","Version":"1"})", 3).ret, 0);
@@ -79,8 +103,6 @@ TEST_F(Routes, CommandsAreAnsweredRefusedOrEchoed) {
         EXPECT_EQ(r.ret, static_cast<int>(r.text.size()) + 1);
     }
     EXPECT_EQ(run("", 3, true).text, kFailed);  // no text at all
-    qdq::sleep_for(6);
-    EXPECT_FALSE(net::logged(qdq::kLogMain, "HgProcessPlugPush start"));  // no push thread for OS 3
 }
 
 std::vector<std::string> g_hooked;  // "<hook> <name>" per plugin hook call
@@ -123,21 +145,6 @@ TEST_F(Routes, LocalPluginOrdersActOnlyWhenTheHostAllowsThem) {
     // Only the install a local client ordered is marked for confinement.
     EXPECT_TRUE(qdq::plugin_local_origin("com.l.p"));
     EXPECT_FALSE(qdq::plugin_local_origin("com.l.q"));
-}
-
-TEST_F(Routes, LocalEventIsPushedOnItsOwnThreadAndVerified) {
-    qdq_test::SimProcess sim({"--serial", "SN7"});
-    ASSERT_TRUE(sim.ready());
-    std::snprintf(deviceinfo.devsn, sizeof deviceinfo.devsn, "SN7");
-    std::snprintf(messageserver.addr, sizeof messageserver.addr, "127.0.0.1");
-    messageserver.port = sim.port("message");
-    manageplatinfo.regflag = 1;
-    EXPECT_EQ(run(R"({"RPCMethod":"EVENT_INFOR","Event":"door open"})", 5).text, "{\n\t\"Result\":\t0\n}");
-    // The message server checks the signature on its own.
-    size_t verified = 0;
-    for (int waited = 0; verified == 0 && waited < 5000 * qdq_test::slowdown(); waited += 10, usleep(10 * 1000))
-        verified = sim.records_with({"\"signature_ok\": true", "door open"}).size();
-    EXPECT_EQ(verified, 1u);
 }
 
 // One test owns the job manager's port, so parallel test processes never

@@ -9,12 +9,6 @@
 
 namespace {
 
-TEST(Records, AccessorsSelectByType) {
-    const platinfo *want[] = {nullptr, nullptr, &cubeplatinfo, &manageplatinfo, &pluginplatinfo, nullptr, nullptr};
-    for (int type = -1; type <= 5; ++type) EXPECT_EQ(getPlatInfo(type), want[type + 1]) << type;
-    for (int type : {0, 1, 2, 3, 6}) EXPECT_EQ(getPlatAddr(type), type == 6 ? &messageserver : nullptr) << type;
-}
-
 TEST(Records, MacFromSerial) {
     struct Case { const char *sn, *marker, *preset, *mac; };
     for (const Case &c : {Case{"ABCDEFGH1234567890XY", "#", "", "1234567890XY"},  // last 12

@@ -307,39 +307,63 @@ TEST_F(Session, HeartbeatTimeOutIsArmedBeforeTheSend) {
     EXPECT_EQ(armed(qdq::kTimerPluginHbTimeout), -1);
 }
 
+// A heartbeat answer (or its time-out), the record it meets and what it
+// leaves: the result, the status reported, the timers armed, the record.
+struct Heartbeat {
+    Heartbeat(int plat, const char *text) : type(plat), reply(text) {}
+    Heartbeat &failed_before(int n) { return failures = n, *this; }
+    Heartbeat &first_unanswered() { return firsthb = firsthb_after = 1, *this; }
+    Heartbeat &first_answered_now() { return firsthb_after = 0, *this; }
+    Heartbeat &gives(int r) { return result = r, *this; }
+    Heartbeat &reports(const char *line) { return status = line, *this; }
+    Heartbeat &arms(int timer, int seconds) { return timers[timer] = seconds, *this; }
+    Heartbeat &failures_become(int n) { return failures_after = n, *this; }
+
+    int type;
+    const char *reply;  // null: time-out
+    int failures = 0, firsthb = 0, result = 0;
+    const char *status = nullptr;  // reported, or null for none
+    std::map<int, int> timers;
+    int failures_after = 0, firsthb_after = 0;
+};
+
 TEST_F(ReplyProcess, HeartbeatOutcomes) {
-    struct Case {
-        int type;
-        const char *reply;  // null: time-out
-        int failures, firsthb, result;
-        const char *status;  // reported, or null for none
-        std::map<int, int> timers;
-        int failures_after, firsthb_after;
-    } cases[] = {
-        {2, nullptr, 0, 1, -1, "2 try_connect_failed -1", {{13, 1}}, 1, 1},
-        {2, nullptr, 2, 1, -1, "2 try_connect_failed -1", {{9, 1}}, 0, 1},  // third in a row: connect anew
-        {2, "not json", 1, 0, -1, "2 try_connect_failed -1", {{13, 1}}, 2, 0},
-        {3, nullptr, 0, 0, -1, "3 disconnect -1", {{17, 2}, {10, 5}}, 0, 0},
-        {2, "{\"Result\":-3}", 1, 1, -3, nullptr, {{9, 1}}, 1, 1},
-        {3, "{\"Result\":-5}", 0, 0, -5, nullptr, {{9, 1}}, 0, 0},  // the manage platform, also for plugin
-        {3, "{\"Result\":-6}", 0, 0, -6, nullptr, {{10, 1}}, 0, 0},
-        {2, "{\"Result\":-6}", 0, 0, -6, nullptr, {}, 0, 0},  // the cycle stops
-        {2, "{\"Result\":0,\"Interval\":30}", 2, 1, 0, "2 wait_heatbeat 0", {{13, 30}}, 0, 0},
-        {2, "{\"Result\":1}", 0, 1, 1, "2 wait_heatbeat 1", {{13, 60}}, 0, 1},
-        {3, "{\"Result\":0}", 0, 0, 0, "3 wait_heatbeat 0", {{15, 60}}, 0, 0},
+    const int manage = QDQ_PLAT_MANAGE, plugin = QDQ_PLAT_PLUGIN;
+    using namespace qdq;
+    const Heartbeat cases[] = {
+        Heartbeat(manage, nullptr).first_unanswered().gives(-1).reports("2 try_connect_failed -1")
+            .arms(kTimerManageHeartbeat, 1).failures_become(1),
+        Heartbeat(manage, nullptr).failed_before(2).first_unanswered().gives(-1)  // third in a row: connect anew
+            .reports("2 try_connect_failed -1").arms(kTimerConnectManage, 1),
+        Heartbeat(manage, "not json").failed_before(1).gives(-1).reports("2 try_connect_failed -1")
+            .arms(kTimerManageHeartbeat, 1).failures_become(2),
+        Heartbeat(plugin, nullptr).gives(-1).reports("3 disconnect -1").arms(kTimerPluginDisconnect, 2)
+            .arms(kTimerConnectPlugin, 5),
+        Heartbeat(manage, "{\"Result\":-3}").failed_before(1).first_unanswered().gives(-3)
+            .arms(kTimerConnectManage, 1).failures_become(1),
+        // the manage platform, also for plugin
+        Heartbeat(plugin, "{\"Result\":-5}").gives(-5).arms(kTimerConnectManage, 1),
+        Heartbeat(plugin, "{\"Result\":-6}").gives(-6).arms(kTimerConnectPlugin, 1),
+        Heartbeat(manage, "{\"Result\":-6}").gives(-6),  // the cycle stops
+        Heartbeat(manage, "{\"Result\":0,\"Interval\":30}").failed_before(2).first_unanswered().first_answered_now()
+            .reports("2 wait_heatbeat 0").arms(kTimerManageHeartbeat, 30),
+        Heartbeat(manage, "{\"Result\":1}").first_unanswered().gives(1).reports("2 wait_heatbeat 1")
+            .arms(kTimerManageHeartbeat, 60),
+        Heartbeat(plugin, "{\"Result\":0}").reports("3 wait_heatbeat 0").arms(kTimerPluginHeartbeat, 60),
         // an interval below 1 s: the platform's default, never a dead cycle
-        {2, "{\"Result\":0,\"Interval\":0}", 0, 0, 0, "2 wait_heatbeat 0", {{13, 60}}, 0, 0},
-        {3, "{\"Result\":0,\"Interval\":-5}", 0, 0, 0, "3 wait_heatbeat 0", {{15, 20}}, 0, 0},
-        {3, "{\"Result\":0,\"Interval\":null}", 0, 0, 0, "3 wait_heatbeat 0", {{15, 20}}, 0, 0},
+        Heartbeat(manage, "{\"Result\":0,\"Interval\":0}").reports("2 wait_heatbeat 0").arms(kTimerManageHeartbeat, 60),
+        Heartbeat(plugin, "{\"Result\":0,\"Interval\":-5}").reports("3 wait_heatbeat 0").arms(kTimerPluginHeartbeat, 20),
+        Heartbeat(plugin, "{\"Result\":0,\"Interval\":null}").reports("3 wait_heatbeat 0")
+            .arms(kTimerPluginHeartbeat, 20),
     };
-    for (const Case &c : cases) {
+    for (const Heartbeat &c : cases) {
         SCOPED_TRACE(std::to_string(c.type) + " " + (c.reply ? c.reply : "timeout"));
         SetUp();
         platinfo *rec = getPlatInfo(c.type);
         rec->interval = 60;
         rec->hbfailnum = static_cast<signed char>(c.failures);
         rec->firsthb = static_cast<unsigned>(c.firsthb);
-        const int reply_timeout = c.type == 2 ? 14 : 16;
+        const int reply_timeout = c.type == manage ? kTimerManageHbTimeout : kTimerPluginHbTimeout;
         AppTimerCreate(20, reply_timeout, 0, QdTimeoutHandle);
         EXPECT_EQ(ProcessHeartBeatReply(c.reply, c.type), c.result);
         std::map<int, int> timers = c.timers;
@@ -350,7 +374,7 @@ TEST_F(ReplyProcess, HeartbeatOutcomes) {
         EXPECT_EQ(rec->firsthb, static_cast<unsigned>(c.firsthb_after));
     }
     EXPECT_FALSE(qdq_test::read_file(qdq_test::in_root("/var/plug_heart_beat_time_file")).empty());
-    EXPECT_EQ(ProcessHeartBeatReply("{\"Result\":0}", 1), -1);
+    EXPECT_EQ(ProcessHeartBeatReply("{\"Result\":0}", QDQ_PLAT_CUBE), -1);
 }
 
 TEST_F(ReplyProcess, RegisterReplyAddresses) {
@@ -364,8 +388,8 @@ TEST_F(ReplyProcess, RegisterReplyAddresses) {
     EXPECT_STREQ(manageplatinfo.heartbeatip, "10.0.0.1");
     EXPECT_EQ(manageplatinfo.heartbeatport, 9000u);
     // The same plugin server is connected again all the same.
-    EXPECT_EQ(manageplatinfo.nexttimer, 10);
-    EXPECT_EQ(all_armed(), (std::map<int, int>{{10, 3}}));
+    EXPECT_EQ(manageplatinfo.nexttimer, qdq::kTimerConnectPlugin);
+    EXPECT_EQ(all_armed(), (std::map<int, int>{{qdq::kTimerConnectPlugin, 3}}));
     EXPECT_TRUE(qdq_test::platform().setcfg.empty());  // nothing changed
 
     EXPECT_EQ(ProcessRegReply(R"({"Result":2,"HeartbeatIPAddr":"hb.example","ServerAddr":"10.0.0.8",

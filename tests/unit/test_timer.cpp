@@ -5,6 +5,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <ostream>
 #include <vector>
 
 #include "common/clock.h"
@@ -45,12 +46,24 @@ std::vector<Clock::time_point> fired(int id, size_t n = 0, int ticks = 0) {
     return out;
 }
 
-// {index, left_time, CurTimerNum} of `id`.
-std::vector<int> state(int id) {
+// Where `id` sits in the table, and how full the table is.
+struct Slot {
+    int index;         // -1: not armed
+    int seconds_left;  // 0 when not armed
+    int armed_ids;     // CurTimerNum
+    bool operator==(const Slot &o) const {
+        return index == o.index && seconds_left == o.seconds_left && armed_ids == o.armed_ids;
+    }
+};
+std::ostream &operator<<(std::ostream &out, const Slot &s) {
+    return out << "{index " << s.index << ", left " << s.seconds_left << ", armed " << s.armed_ids << "}";
+}
+Slot slot(int id) {
     qdq::MutexLock guard(timerlock);
     int i = qdq::timer_index(id);
     return {i, i < 0 ? 0 : g_timer[i].left_time, CurTimerNum};
 }
+const int kUnarmed = -1;
 
 void rearm_three_times(int id) {
     record(id);
@@ -82,17 +95,17 @@ TEST_F(Timer, FiresOnTimeKeepsRunningCountdownsAndRearmsFiredOnesInPlace) {
     EXPECT_GE(t[0] - start, 19 * tick());
     EXPECT_LT(t[0] - start, 20 * tick() + kSlack);
     ASSERT_EQ(0, AppTimerCreate(5, 13, 0, record));  // 13 is still running
-    EXPECT_GT(state(13)[1], 200);
-    auto before = state(7);
+    EXPECT_GT(slot(13).seconds_left, 200);
+    const int index_of_7 = slot(7).index;
     ASSERT_EQ(0, AppTimerCreate(3, 7, 0, record));  // 7 has fired
-    EXPECT_EQ((std::vector<int>{before[0], 3, 2}), state(7));
+    EXPECT_EQ((Slot{index_of_7, 3, 2}), slot(7));
     EXPECT_EQ(2u, fired(7, 2, 3).size());
 
     // "Soon" cuts a long countdown short, but never lengthens a short one.
     ASSERT_EQ(0, qdq::timer_arm_within(4, 13, record));
-    EXPECT_EQ(4, state(13)[1]);
+    EXPECT_EQ(4, slot(13).seconds_left);
     ASSERT_EQ(0, qdq::timer_arm_within(50, 13, record));
-    EXPECT_LE(state(13)[1], 4);
+    EXPECT_LE(slot(13).seconds_left, 4);
     EXPECT_EQ(1u, fired(13, 1, 4).size());
 }
 
@@ -103,18 +116,23 @@ TEST_F(Timer, TableHoldsFiftyIdsAndDestroyFreesOne) {
     EXPECT_EQ(-1, AppTimerCreate(1, 201, 0, nullptr));
     EXPECT_EQ(0, AppTimerDestory(42));
     EXPECT_EQ(0, AppTimerDestory(101));
-    EXPECT_EQ((std::vector<int>{-1, 0, 49}), state(101));
+    EXPECT_EQ((Slot{kUnarmed, 0, 49}), slot(101));
     EXPECT_EQ(0, AppTimerCreate(1000, 200, 0, record));
-    qdq::sleep_for(8);
+    // 101 was due at 3: once a later one has fired, it never will.
+    EXPECT_EQ(0, AppTimerDestory(200));
+    ASSERT_EQ(0, AppTimerCreate(4, 201, 0, record));
+    EXPECT_EQ(1u, fired(201, 1, 4).size());
     EXPECT_TRUE(fired(101).empty());
 }
 
 TEST_F(Timer, CallbackMayRearmAndDestroyItsOwnId) {
     ASSERT_EQ(0, AppTimerCreate(2, 43, 0, rearm_three_times));
     EXPECT_EQ(3u, fired(43, 3, 6).size());
-    qdq::sleep_for(6);
-    EXPECT_EQ((std::vector<int>{-1, 0, 0}), state(43));
+    // A fourth round would come 2 after the third: wait past it.
+    ASSERT_EQ(0, AppTimerCreate(3, 44, 0, record));
+    EXPECT_EQ(1u, fired(44, 1, 3).size());
     EXPECT_EQ(3u, fired(43).size());
+    EXPECT_EQ((Slot{kUnarmed, 0, 1}), slot(43));  // 44 has fired but stays in the table
 }
 
 // The platform's own timers tick once a second, beside ours.

@@ -103,37 +103,51 @@ protected:
 };
 INSTANTIATE_TEST_SUITE_P(, Client, ::testing::ValuesIn(kFamilies), [](const auto &i) { return i.param.name; });
 
-constexpr unsigned kPick = 1;  // bind a free local port
+constexpr unsigned kPick = 1;    // bind a free local port
+constexpr unsigned kServer = 0;  // the test's own server
 
 TEST_P(Client, UdpOneDatagramOutAtMostOneBack) {
     const Family &f = GetParam();
     qdq::Fd taken = net::bound(SOCK_DGRAM, false, f.af);  // no SO_REUSEADDR: binding it fails
     const std::string msg = "{\"RPCMethod\":\"Heartbeat\"}", answer(5000, 'a');
+    // One request: how it is made, what the server does, what the caller gets.
     struct Case {
-        const char *name;
-        bool big;  // HGSendUdpRequest_big (IPv4 only)
-        unsigned local, timeout;
-        const char *ip, *msg;
-        int sent;     // reply bytes the server sends, -1 = stays silent
-        size_t kept;  // reply bytes the caller gets
-        char after;   // reply[kept] afterwards: zero-filled, or untouched
-        int ret;
-        const char *logged;
-    } cases[] = {
-        {"short reply, fixed local port", false, kPick, 100, f.loopback, msg.c_str(), 20, 20, 0, 0, ""},
-        {"600 bytes cut to 512, no NUL", false, 0, 100, f.loopback, msg.c_str(), 600, 512, 'Z', 0, ""},
-        {"send only", false, 0, 0, f.loopback, msg.c_str(), 20, 0, 'Z', 0, ""},
-        {"big: the byte count", true, 0, 100, "127.0.0.1", msg.c_str(), 5000, 5000, 0, 5000, ""},
-        {"server silent", false, 0, 1, f.loopback, "{}", -1, 0, 'Z', -1, "timeout in select"},
-        {"local port taken", false, net::port_of(taken.get()), 1, f.loopback, "{}", -1, 0, 'Z', -1,
-         "bind failed, errno="},
-        {"no message", false, 0, 1, f.loopback, nullptr, -1, 0, 'Z', -1, "sendbuf is NULL, return!"},
-        {"malformed address", false, 0, 1, "127.0.0.300", "{}", -1, 0, 'Z', -1, "inet_aton error"},
+        explicit Case(const char *what, const char *to) : name(what), ip(to) {}
+        Case &big() { return big_client = true, *this; }  // HGSendUdpRequest_big (IPv4 only)
+        Case &from(unsigned port) { return local = port, *this; }
+        Case &waits(unsigned t) { return timeout = t, *this; }
+        Case &sends(const char *text) { return msg = text, *this; }
+        Case &answered(int bytes, size_t kept_bytes, char after_kept) {
+            return sent = bytes, kept = kept_bytes, after = after_kept, *this;
+        }
+        Case &returns(int rc) { return ret = rc, *this; }
+        Case &logs(const char *line) { return logged = line, *this; }
+
+        const char *name, *ip;
+        bool big_client = false;
+        unsigned local = 0, timeout = 1;
+        const char *msg = "{}";
+        int sent = -1;    // reply bytes the server sends, -1 = stays silent
+        size_t kept = 0;  // reply bytes the caller gets
+        char after = 'Z'; // reply[kept] afterwards: zero-filled, or untouched
+        int ret = -1;
+        const char *logged = "";
+    };
+    const char *hb = msg.c_str();
+    const Case cases[] = {
+        Case("short reply, fixed local port", f.loopback).from(kPick).waits(100).sends(hb).answered(20, 20, 0).returns(0),
+        Case("600 bytes cut to 512, no NUL", f.loopback).waits(100).sends(hb).answered(600, 512, 'Z').returns(0),
+        Case("send only", f.loopback).waits(0).sends(hb).answered(20, 0, 'Z').returns(0),
+        Case("big: the byte count", "127.0.0.1").big().waits(100).sends(hb).answered(5000, 5000, 0).returns(5000),
+        Case("server silent", f.loopback).logs("timeout in select"),
+        Case("local port taken", f.loopback).from(net::port_of(taken.get())).logs("bind failed, errno="),
+        Case("no message", f.loopback).sends(nullptr).logs("sendbuf is NULL, return!"),
+        Case("malformed address", "127.0.0.300").logs("inet_aton error"),
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        if (c.big && f.af != AF_INET) continue;
-        qdq::Fd srv = net::bound(SOCK_DGRAM, false, c.big ? AF_INET : f.af);
+        if (c.big_client && f.af != AF_INET) continue;
+        qdq::Fd srv = net::bound(SOCK_DGRAM, false, c.big_client ? AF_INET : f.af);
         const unsigned local = c.local == kPick ? net::port_of(net::bound(SOCK_DGRAM, false, f.af).get()) : c.local;
         std::string got;
         sockaddr_storage from{};
@@ -146,8 +160,8 @@ TEST_P(Client, UdpOneDatagramOutAtMostOneBack) {
         });
         const long fds = net::open_fds();
         std::vector<char> reply(102401, 'Z');
-        EXPECT_EQ((c.big ? HGSendUdpRequest_big : f.udp)(local, c.ip, net::port_of(srv.get()), c.msg, reply.data(),
-                                                         c.timeout),
+        EXPECT_EQ((c.big_client ? HGSendUdpRequest_big : f.udp)(local, c.ip, net::port_of(srv.get()), c.msg,
+                                                                reply.data(), c.timeout),
                   c.ret);
         server.join();
         EXPECT_EQ(net::open_fds(), fds);
@@ -238,34 +252,47 @@ TEST_P(Client, TcpExchangesOnTheRecordsConnection) {
     const std::string L(696, 'L');
     std::string big(102401, '\0');  // no fixed frame buffer holds it; ASan watches the client's
     for (size_t i = 0; i < big.size(); ++i) big[i] = char('!' + i % 89);
-    const unsigned kServer = 0;
+    using Texts = std::vector<std::string>;
+    // Requests on one platform record: the server's answers, what the caller
+    // reads, and what is left of the record.
     struct Case {
+        Case(const char *what, unsigned plat) : name(what), plattype(plat) {}
+        Case &to(unsigned p) { return port = p, *this; }
+        Case &from(unsigned p) { return localport = p, *this; }
+        Case &answers(Texts a, Texts read) { return server_answers = a, texts = read, ret = 0, *this; }
+        Case &of_size(size_t n) { return size = n, *this; }
+        Case &server_took(const char *what) { return got = what, *this; }
+        Case &logs(const char *line) { return logged = line, *this; }
+        Case &clears_record() { return fd_reset = true, *this; }
+
         const char *name;
-        unsigned plattype, port, localport;  // port kServer: the test's server
-        std::vector<std::string> answers;    // the server's, per request
-        std::vector<std::string> texts;      // expected at reply + 4, per request
-        int ret;
-        const char *logged;
-        bool fd_reset;  // socketfd back to -1 after the call
-        size_t size;    // of each request sent; 0: short ones
+        unsigned plattype, port = kServer, localport = 0;  // port kServer: the test's server
+        Texts server_answers;  // per request
+        Texts texts{""};       // expected at reply + 4, per request
+        int ret = -1;
+        const char *logged = "";
+        bool fd_reset = false;      // socketfd back to -1 after the call
+        size_t size = 0;            // of each request sent; 0: short ones
         const char *got = nullptr;  // what the server took, when not the requests
-    } cases[] = {
-        {"second request reuses the connection", 2, kServer, 0, {net::frame("{\"R\":0}"), net::frame("{\"R\":1}")},
-         {"{\"R\":0}", "{\"R\":1}"}, 0, "HGSendTcpRegister success!", false, 0},
-        {"700-byte frame cut at 512", 3, kServer, 0, {net::frame(L)}, {L.substr(0, 508)}, 0, "", false, 0},
-        {"peer closes without answer", 1, kServer, 0, {""}, {""}, 0, "", false, 0},
-        {"100K request whole", 2, kServer, 0, {net::frame("{}")}, {"{}"}, 0, "", false, 102400},
-        {"100K + 1 sent, the peer refuses it", 2, kServer, 0, {net::frame("{}")}, {"{}"}, 0, "", false, 102401,
-         "<refused>"},
-        {"refused", 2, net::port_of(closed.get()), 0, {}, {""}, -1, "connect error!", true, 0},
-        {"local port taken", 2, kServer, net::port_of(taken.get()), {}, {""}, -1, "bind failed", false, 0},
-        {"server silent", 2, kServer, 0, {}, {""}, -1, "timeout in select", false, 0},
-        {"plattype 4", 4, kServer, 0, {}, {""}, -1, "platinfo is NULL, return!\n", true, 0},
+    };
+    const Case cases[] = {
+        Case("second request reuses the connection", 2)
+            .answers({net::frame("{\"R\":0}"), net::frame("{\"R\":1}")}, {"{\"R\":0}", "{\"R\":1}"})
+            .logs("HGSendTcpRegister success!"),
+        Case("700-byte frame cut at 512", 3).answers({net::frame(L)}, {L.substr(0, 508)}),
+        Case("peer closes without answer", 1).answers({""}, {""}),
+        Case("100K request whole", 2).answers({net::frame("{}")}, {"{}"}).of_size(102400),
+        Case("100K + 1 sent, the peer refuses it", 2).answers({net::frame("{}")}, {"{}"}).of_size(102401)
+            .server_took("<refused>"),
+        Case("refused", 2).to(net::port_of(closed.get())).logs("connect error!").clears_record(),
+        Case("local port taken", 2).from(net::port_of(taken.get())).logs("bind failed"),
+        Case("server silent", 2).logs("timeout in select"),
+        Case("plattype 4", 4).logs("platinfo is NULL, return!\n").clears_record(),
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         platinfo *rec = getPlatInfo(c.plattype == 4 ? 2 : int(c.plattype));
-        Server srv(c.answers, f.af);
+        Server srv(c.server_answers, f.af);
         const long fds = net::open_fds();
         rec->socketfd = -1;
         rec->localport = c.localport;
