@@ -1,6 +1,7 @@
 """Scripted answers, controlled commands, and shutdown. (A scripted push:
 test_gateway.py; a push that waits for its answer, "close", scripted
-verdicts and the job manager's scripted answers: the end-to-end tests.)"""
+verdicts, the job manager's scripted answers, and an order sent with
+udp_send whose ${KEY} the gateway accepts: the end-to-end tests.)"""
 
 from __future__ import annotations
 
@@ -47,22 +48,11 @@ def test_scripted_sequence_then_defaults(make_sim):
     assert sim.stop(signal.SIGINT) == 0
 
 
-def test_control_push_udp_send_and_script_replace(make_sim):
+def test_control_push_and_script_replace(make_sim):
     sim = make_sim()
     assert sim.control(cmd="push", platform="plugin", message={})["ok"] is False  # no channel yet
-    manage = UdpGateway(sim.ports["manage"])
-    _, reg = boot_register(manage, "Boot", "Register", UserID=md5u(SERIAL + LOID), DevRND="ABC123")
-    assert reg["Result"] == 1
     plugin = TcpGateway(sim.ports["plugin"])
     boot_register(plugin, "Boot", "Register")
-
-    # ${KEY} is the proof over the gateway's latest DevRND, computed by the simulator.
-    sent = sim.control(cmd="udp_send", platform="manage",
-                       message={"RPCMethod": "RequestPlug-in", "Key": "${KEY}"})
-    assert sent["ok"] and manage.recv() == {"RPCMethod": "RequestPlug-in", "Key": md5u("ABC123" + SERIAL)}
-    manage.send({"Result": 0, "DevRND": "NEW"})
-    assert sim.wait(platform="manage", kind="reply", since=sent["seq"])["json"]["DevRND"] == "NEW"
-
     assert sim.control(cmd="script", script={"platforms": {"plugin": {"interval": 9}}}) == {"ok": True}
     assert plugin.ask({"RPCMethod": "Heartbeat"}) == {"Result": 0, "Interval": 9}
     bad = sim.control(cmd="script", script={"platforms": {"plugin": {"answers": {"Boot": ["shout"]}}}})

@@ -12,7 +12,6 @@ from conftest import HOST, LOID, SERIAL, TcpGateway, UdpGateway, boot_register, 
 # platform, transport, Boot, Register, Heartbeat, result of a good Register
 SESSIONS = [
     ("cube", "udp", "BootFirst", "RegisterFirst", None, 1),
-    ("cube", "tcp", "BootFirst", "RegisterFirst", None, 1),
     ("manage", "udp", "Boot", "Register", "Hb", 1),
     ("manage", "tcp", "Boot", "Register", "Hb", 1),
     ("plugin", "tcp", "Boot", "Register", "Heartbeat", 0),
