@@ -8,7 +8,9 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
+#include "common/guard.h"
 #include "common/socket.h"
 #include "qdquick/qdq_export.h"
 
@@ -16,6 +18,14 @@ namespace qdp {
 
 // One line "qdplatform: <message>" on stderr. Only for failures.
 void warn(const char *fmt, ...) QDQ_PRINTF(1, 2);
+
+// Runs an exported function's body: no exception crosses the C ABI. A
+// std::exception becomes the line "<entry>: <what>" and `on_failure`.
+template <typename R, typename Body>
+R guard(const char *entry, R on_failure, Body &&body) {
+    return qdq::guard_with([](const char *name, const char *what) { warn("%s: %s", name, what); }, entry,
+                           on_failure, std::forward<Body>(body));
+}
 
 // Copies at most cap - 1 characters of text and a NUL into dst (cap > 0).
 void copy_text(char *dst, std::size_t cap, std::string_view text);

@@ -10,7 +10,6 @@
 
 #include <chrono>
 #include <cstring>
-#include <exception>
 #include <string>
 
 #include "adapter_io.h"
@@ -104,16 +103,16 @@ extern "C" QDQ_API int AppSendRequestToPrivateSmartPlat(const char *request, con
         qdp::warn("app store request refused: missing request, server, reply buffer or port");
         return -1;
     }
-    try {
+    const auto failure = [port, reply](const char *host, const char *what) {
+        qdp::warn("app store %s:%d: %s", host, port, what);
+        reply[0] = '\0';
+    };
+    return qdq::guard_with(failure, server, -1, [&] {
         SigpipeBlock no_sigpipe;
         int rc = exchange(request, server, port, reply);
         // Leave no stale TLS errors in this thread's queue for the host's
         // own OpenSSL calls.
         ERR_clear_error();
         return rc;
-    } catch (const std::exception &e) {
-        qdp::warn("app store %s:%d: %s", server, port, e.what());
-        reply[0] = '\0';
-        return -1;
-    }
+    });
 }

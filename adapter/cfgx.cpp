@@ -1,7 +1,6 @@
 // setcfgx / getcfgx: the platform's key=value configuration files. Callers
 // pass system paths such as "/etc/config/system/quickconf.conf".
 #include <cstring>
-#include <exception>
 #include <string>
 
 #include "adapter_io.h"
@@ -25,24 +24,18 @@ extern "C" QDQ_API int setcfgx(const char *file, const char *key, const char *va
         qdp::warn("setcfgx: bad arguments");
         return -1;
     }
-    try {
+    return qdp::guard("setcfgx", -1, [&] {
         return qdp::kv_set(qdq::path(file), key, value) ? 0 : -1;
-    } catch (const std::exception &e) {
-        qdp::warn("setcfgx: %s", e.what());
-        return -1;
-    }
+    });
 }
 
 extern "C" QDQ_API int getcfgx(const char *file, const char *key, char *value) {
     if (value != nullptr) value[0] = '\0';
     if (file == nullptr || key == nullptr || value == nullptr || key[0] == '\0') return -1;
-    try {
+    return qdp::guard("getcfgx", -1, [&] {
         std::string found;
         if (qdp::kv_get(qdq::path(file), key, found) != qdp::KvResult::found) return -1;
         qdp::copy_text(value, QDP_CFGVALUE_SIZE, found);
         return 0;
-    } catch (const std::exception &e) {
-        qdp::warn("getcfgx: %s", e.what());
-        return -1;
-    }
+    });
 }

@@ -4,7 +4,6 @@
 #include <cjson/cJSON.h>
 
 #include <cstdlib>
-#include <exception>
 
 #include "adapter_io.h"
 #include "common/paths.h"
@@ -23,16 +22,15 @@ std::string device_value(const char *key) {
 
 namespace {
 
+void device_failure(const char *key, const char *what) { qdp::warn("device %s: %s", key, what); }
+
 int copy_fact(const char *key, char *out, std::size_t cap) {
     if (out == nullptr) return -1;
     out[0] = '\0';
-    try {
+    return qdq::guard_with(device_failure, key, -1, [&] {
         qdp::copy_text(out, cap, qdp::device_value(key));
         return 0;
-    } catch (const std::exception &e) {
-        qdp::warn("device %s: %s", key, e.what());
-        return -1;
-    }
+    });
 }
 
 }  // namespace
@@ -44,12 +42,9 @@ extern "C" QDQ_API int GetCardNo(char *cardno) {
 }
 
 extern "C" QDQ_API int get_wevrin_status(void) {
-    try {
+    return qdq::guard_with(device_failure, "wevrin", 0, [] {
         return std::atoi(qdp::device_value("wevrin").c_str()) == 1 ? 1 : 0;
-    } catch (const std::exception &e) {
-        qdp::warn("device wevrin: %s", e.what());
-        return 0;
-    }
+    });
 }
 
 extern "C" QDQ_API int gghelper_opmode_repeatermode_get(char *br0ip, char *wanlinkmode) {
@@ -59,7 +54,7 @@ extern "C" QDQ_API int gghelper_opmode_repeatermode_get(char *br0ip, char *wanli
 }
 
 extern "C" QDQ_API cJSON *CreateQueryUpdateverReqjson(void) {
-    try {
+    return qdq::guard_with(device_failure, "childrouter", static_cast<cJSON *>(nullptr), []() -> cJSON * {
         std::string text = qdp::device_value("childrouter");
         if (text.empty()) return nullptr;
         cJSON *value = cJSON_ParseWithOpts(text.c_str(), nullptr, 1);  // nothing after it
@@ -74,8 +69,5 @@ extern "C" QDQ_API cJSON *CreateQueryUpdateverReqjson(void) {
             return nullptr;
         }
         return obj;
-    } catch (const std::exception &e) {
-        qdp::warn("device childrouter: %s", e.what());
-        return nullptr;
-    }
+    });
 }

@@ -9,7 +9,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <string>
 #include <vector>
 
@@ -78,7 +77,7 @@ extern "C" QDQ_API int CreatePluginUser(const char *name) {
         qdp::warn("CreatePluginUser: not a user name");
         return -1;
     }
-    try {
+    return qdp::guard("CreatePluginUser", -1, [&] {
         int state = account(name);
         if (state == 0) {
             create(name);
@@ -89,8 +88,5 @@ extern "C" QDQ_API int CreatePluginUser(const char *name) {
                             : "CreatePluginUser: cannot create %s",
                   name);
         return -1;
-    } catch (const std::exception &e) {
-        qdp::warn("CreatePluginUser: %s", e.what());
-        return -1;
-    }
+    });
 }

@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <exception>
 #include <string>
 
 #include "adapter_io.h"
@@ -35,7 +34,7 @@ extern "C" QDQ_API int HgPushUpgradeMessage(int type, upgrademsg *message) {
         qdp::warn("HgPushUpgradeMessage: no message");
         return -1;
     }
-    try {
+    return qdp::guard("HgPushUpgradeMessage", -1, [&] {
         char stamp[32] = "";
         std::time_t now = std::time(nullptr);
         std::tm tm {};
@@ -55,8 +54,5 @@ extern "C" QDQ_API int HgPushUpgradeMessage(int type, upgrademsg *message) {
             return -1;
         }
         return 0;
-    } catch (const std::exception &e) {
-        qdp::warn("HgPushUpgradeMessage: %s", e.what());
-        return -1;
-    }
+    });
 }

@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
-#include <exception>
 #include <string>
 
 #include "adapter_io.h"
@@ -134,10 +133,7 @@ extern "C" QDQ_API int RunSystemCmd(const char *outfile, ...) {
         qdp::warn("RunSystemCmd: %s", n == 0 ? "no program" : "more than 63 words");
         return -1;
     }
-    try {
+    return qdp::guard("RunSystemCmd", -1, [&] {
         return run(argv, outfile != nullptr && outfile[0] != '\0' ? qdq::path(outfile) : "");
-    } catch (const std::exception &e) {
-        qdp::warn("RunSystemCmd: %s", e.what());
-        return -1;
-    }
+    });
 }

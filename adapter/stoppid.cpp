@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <memory>
 #include <string>
 
@@ -77,10 +76,7 @@ extern "C" QDQ_API int stoppid(const char *process, const char *pidfile, int sig
         qdp::warn("stoppid: bad arguments");
         return -1;
     }
-    try {
+    return qdp::guard("stoppid", -1, [&] {
         return signal_by_name(process, signo);
-    } catch (const std::exception &e) {
-        qdp::warn("stoppid: %s", e.what());
-        return -1;
-    }
+    });
 }

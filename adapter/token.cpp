@@ -2,7 +2,6 @@
 // first line of its token file.
 #include <cerrno>
 #include <cstring>
-#include <exception>
 #include <string_view>
 
 #include "adapter_io.h"
@@ -12,7 +11,7 @@
 extern "C" QDQ_API int PlatGetStoredToken(char *out) {
     if (out == nullptr) return -1;
     out[0] = '\0';
-    try {
+    return qdp::guard("PlatGetStoredToken", -1, [&] {
         const std::string file = qdq::path("/qdconf/app_store_token");
         qdp::File f = qdp::open_read(file);
         if (!f) {
@@ -23,8 +22,5 @@ extern "C" QDQ_API int PlatGetStoredToken(char *out) {
         std::string_view line;
         if (reader.next(line)) qdp::copy_text(out, QDP_TOKEN_SIZE, line);
         return 0;
-    } catch (const std::exception &e) {
-        qdp::warn("PlatGetStoredToken: %s", e.what());
-        return -1;
-    }
+    });
 }

@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <exception>
 #include <string>
 #include <string_view>
 
@@ -96,7 +95,7 @@ extern "C" QDQ_API int getUciOptionValue(const char *package, const char *sectio
         qdp::warn("getUciOptionValue: bad package name");
         return -1;
     }
-    try {
+    return qdp::guard("getUciOptionValue", -1, [&] {
         // On this gateway "/etc/config/system" is a directory (it holds
         // quickconf.conf); such a package keeps its UCI options in a file of
         // its own name inside it: "/etc/config/system/system".
@@ -107,8 +106,5 @@ extern "C" QDQ_API int getUciOptionValue(const char *package, const char *sectio
         if (!find_option(file, section, option, found)) return -1;
         qdp::copy_text(value, QDP_CFGVALUE_SIZE, found);
         return 0;
-    } catch (const std::exception &e) {
-        qdp::warn("getUciOptionValue: %s", e.what());
-        return -1;
-    }
+    });
 }

@@ -3,8 +3,8 @@
 // No exception may travel back into the library.
 #include "callbacks.h"
 
+#include <cstdio>
 #include <cstring>
-#include <exception>
 #include <string>
 
 #include "ability.h"
@@ -20,12 +20,12 @@ namespace {
 constexpr std::size_t kQuickReplySize = 512;
 
 void on_timer(int timerid, int, int, int) {
-    try {
+    char what[32];
+    std::snprintf(what, sizeof what, "timer %d", timerid);
+    guarded(what, [&] {
         if (timerid == qdq::kTimerConnectCube) post_event({Event::kTimer, 0, timerid, {}});
         else note("timer %d has no action here", timerid);
-    } catch (const std::exception &e) {
-        note("timer %d: %s", timerid, e.what());
-    }
+    });
 }
 
 void on_status(int plattype, const char *status, int result) {
@@ -37,12 +37,10 @@ void on_distri(int, platinfo *record) {
     // the cube record: the record itself tells which platform moved.
     const int plattype = record == &cubeplatinfo ? 1 : record == &manageplatinfo ? 2 : 0;
     if (plattype == 0) return;
-    try {
+    guarded("new platform address", [&] {
         std::string address(record->MgtURL, strnlen(record->MgtURL, sizeof record->MgtURL));
         post_event({Event::kDistri, plattype, static_cast<int>(record->port), address});
-    } catch (const std::exception &e) {
-        note("new platform address: %s", e.what());
-    }
+    });
 }
 
 void on_quick_install(char *reply, const char *request) {

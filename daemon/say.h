@@ -2,8 +2,9 @@
 // output (unless quiet) and the same line in its log file.
 #pragma once
 
-#include <exception>
 #include <utility>
+
+#include "common/guard.h"
 
 namespace qdd {
 
@@ -24,21 +25,16 @@ void note(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // back into the library, so it is noted as `what` and `fallback` returned.
 template <typename R, typename F>
 R guarded(const char *what, R fallback, F &&work) {
-    try {
-        return std::forward<F>(work)();
-    } catch (const std::exception &e) {
-        note("%s: %s", what, e.what());
-        return fallback;
-    }
+    return qdq::guard_with([](const char *name, const char *error) { note("%s: %s", name, error); }, what,
+                           fallback, std::forward<F>(work));
 }
 
 template <typename F>
 void guarded(const char *what, F &&work) {
-    try {
+    guarded(what, false, [&] {
         std::forward<F>(work)();
-    } catch (const std::exception &e) {
-        note("%s: %s", what, e.what());
-    }
+        return true;
+    });
 }
 
 }  // namespace qdd
