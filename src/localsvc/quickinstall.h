@@ -17,6 +17,11 @@ inline constexpr const char *kLocalModule = "quickinstall";
 inline constexpr unsigned kLocalUdpPort = 18401;
 inline constexpr unsigned kQuickPort = 7998;
 inline constexpr int kLocalTcpSlots = 5;
+// Live local TCP worker threads at most: the five slot holders plus three
+// that have left their slot (replied, or evicted) and are still finishing.
+// A worker leaves its slot before it ends, so the slots alone do not bound
+// the threads: on a busy machine finished workers would pile up.
+inline constexpr int kLocalTcpWorkers = kLocalTcpSlots + 3;
 
 // Opens `port` of `proto` ("udp" or "tcp") at the head of the INPUT chain:
 // deletes an earlier copy of the rule, then inserts it. Runs iptables with
@@ -47,6 +52,9 @@ int admit_local_connection(int sock, int plattype);
 // A worker's last step: frees the slot that still holds `sock`, if any (an
 // evicted worker's slot was freed by the eviction).
 void release_local_connection(int sock);
+// True while kLocalTcpWorkers worker threads are alive: the service then
+// waits before it accepts (the client waits in the listen queue).
+bool local_workers_at_cap();
 // Fills the table part of `state`.
 void copy_local_slots(LocalTcpState &state);
 

@@ -93,6 +93,14 @@ void trace_accept(unsigned port, const sockaddr_in &peer, int sock) {
 
 void accept_loop(int lfd, unsigned port, int plattype) {
     for (;;) {
+        // Too many workers still finishing: the next client waits in the
+        // listen queue instead of starting one more thread. (A short sleep,
+        // not a condition variable: this wait must stay cancellable, and
+        // std::condition_variable's wait cannot be unwound by a cancel.)
+        while (qdq::local_workers_at_cap()) {
+            qdq::CancelWindow window;
+            qdq::sleep_for(0.01);
+        }
         sockaddr_in peer{};
         socklen_t len = sizeof peer;
         int sock;

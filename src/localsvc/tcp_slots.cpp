@@ -8,6 +8,7 @@
 // only under its lock, taken with cancellation disabled.
 #include <sys/socket.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -27,7 +28,16 @@ pthread_t acceptthread[qdq::kLocalTcpSlots] = {};
 // "%d#%d" of any plattype and descriptor fits.
 constexpr std::size_t kArgSize = 32;
 
+// Worker threads started and not yet at their end (slot or not).
+std::atomic<int> tcp_workers_alive{0};
+
+// Counts the worker out on every way out, a cancellation's unwind included.
+struct LiveWorker {
+    ~LiveWorker() { tcp_workers_alive.fetch_sub(1); }
+};
+
 void *worker_entry(void *arg) {
+    LiveWorker live;
     ProcessClientTcpRequest(static_cast<char *>(arg));
     return nullptr;
 }
@@ -81,8 +91,10 @@ int admit_local_connection(int sock, int plattype) {
     // The worker is started under the lock, so its id is in the table
     // before it could try to leave it.
     acceptsocket[slot] = sock;
+    tcp_workers_alive.fetch_add(1);
     int rc = start_thread(&acceptthread[slot], worker_entry, arg, true, "qdq-tcp-conn");
     if (rc != 0) {
+        tcp_workers_alive.fetch_sub(1);
         QDQ_LOG("Create ProcessClientTcpRequest thread failed!\n");
         acceptsocket[slot] = -1;
         acceptthread[slot] = pthread_t{};
@@ -105,6 +117,8 @@ void release_local_connection(int sock) {
         --localconnum;
     }
 }
+
+bool local_workers_at_cap() { return tcp_workers_alive.load() >= kLocalTcpWorkers; }
 
 void copy_local_slots(LocalTcpState &state) {
     NoCancel no_cancel;
