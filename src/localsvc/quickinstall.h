@@ -17,11 +17,11 @@ inline constexpr const char *kLocalModule = "quickinstall";
 inline constexpr unsigned kLocalUdpPort = 18401;
 inline constexpr unsigned kQuickPort = 7998;
 inline constexpr int kLocalTcpSlots = 5;
-// Live local TCP worker threads at most: the five slot holders plus three
+// Live local TCP worker threads at most: the five slot holders plus as many
 // that have left their slot (replied, or evicted) and are still finishing.
 // A worker leaves its slot before it ends, so the slots alone do not bound
 // the threads: on a busy machine finished workers would pile up.
-inline constexpr int kLocalTcpWorkers = kLocalTcpSlots + 3;
+inline constexpr int kLocalTcpWorkers = 2 * kLocalTcpSlots;
 
 // Opens `port` of `proto` ("udp" or "tcp") at the head of the INPUT chain:
 // deletes an earlier copy of the rule, then inserts it. Runs iptables with

@@ -99,7 +99,7 @@ void accept_loop(int lfd, unsigned port, int plattype) {
         // std::condition_variable's wait cannot be unwound by a cancel.)
         while (qdq::local_workers_at_cap()) {
             qdq::CancelWindow window;
-            qdq::sleep_for(0.01);
+            qdq::sleep_for(0.001);
         }
         sockaddr_in peer{};
         socklen_t len = sizeof peer;

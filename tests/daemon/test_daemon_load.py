@@ -22,8 +22,8 @@ from conftest import HOST, answers_and_settles, counts, frame, local_udp, recv_e
 
 # Live-thread caps of the library's per-message workers (src/common/thread.cpp):
 # events 16, channel messages 16, timer expiries 16, pushes 8, commands 8,
-# and the local TCP workers (five slot holders, three finishing).
-WORKER_CAPS = 16 + 16 + 16 + 8 + 8 + 8
+# and the local TCP workers (five slot holders, five finishing).
+WORKER_CAPS = 16 + 16 + 16 + 8 + 8 + 10
 SOAK_SCALE = "0.005"  # one simulated hour is 18 real seconds
 
 
